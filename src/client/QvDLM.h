@@ -1,0 +1,15 @@
+// QvDLM: download manager library. Include this header to use everything the library offers.
+#pragma once
+
+#include "Download.h"
+#include "DownloadMgr.h"
+#include "DownloadRequest.h"
+#include "DownloadRequestLog.h"
+#include "EventPublisher.h"
+#include "EventSubscriber.h"
+#include "Log.h"
+#include "QvDLMCodes.h"
+#include "QvDLMExport.h"
+#include "QvDLMFactory.h"
+#include "Stats.h"
+#include "UrlAuth.h"

@@ -1,0 +1,9 @@
+// QvDLM.dll entry point. The library keeps no per-thread state, so thread notifications are turned off.
+#include <windows.h>
+
+BOOL WINAPI DllMain(HINSTANCE instance, DWORD reason, LPVOID)
+{
+    if (reason == DLL_PROCESS_ATTACH)
+        DisableThreadLibraryCalls(instance);
+    return TRUE;
+}

@@ -1,0 +1,61 @@
+#include "log/EventPublisherImpl.h"
+
+#include <cstdlib>
+
+namespace {
+
+EventPublisherImpl* g_publisher = nullptr;
+
+void destroyPublisher()
+{
+    delete g_publisher;
+    g_publisher = nullptr;
+}
+
+} // namespace
+
+EventPublisher* EventPublisher::getInstance()
+{
+    // Made on first use; the first call happens before several threads can race for it.
+    if (!g_publisher) {
+        g_publisher = new EventPublisherImpl();
+        std::atexit(destroyPublisher);
+    }
+    return g_publisher;
+}
+
+EventPublisherImpl::~EventPublisherImpl()
+{
+    qv::CsLock hold(lock_);
+    subscribers_.clear();
+}
+
+void EventPublisherImpl::subscribe(EventSubscriber* subscriber)
+{
+    qv::CsLock hold(lock_);
+    subscribers_.insert(subscriber);
+}
+
+void EventPublisherImpl::unsubscribe(EventSubscriber* subscriber)
+{
+    qv::CsLock hold(lock_);
+    subscribers_.erase(subscriber);
+}
+
+void EventPublisherImpl::publish(const EventRecord* record)
+{
+    // No lock: subscriptions are made before downloads start and removed after they end.
+    for (EventSubscriber* subscriber : subscribers_)
+        subscriber->notify(record);
+}
+
+void publishEvent(Download* source, uint32_t kind, uint64_t value)
+{
+    EventRecord record{source, kind, value};
+    EventPublisher::getInstance()->publish(&record);
+}
+
+void publishText(Download* source, const wchar_t* text, uint32_t kind)
+{
+    publishEvent(source, kind, reinterpret_cast<uint64_t>(text));
+}
