@@ -1,0 +1,75 @@
+// Path helpers shared by the sinks and the job: full canonical paths, the long forms "\\?\" and
+// "\\?\UNC\", creation of missing folders, existence, links. All paths are UTF-16.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+
+namespace qv {
+
+constexpr wchar_t kLongPathPrefix[] = L"\\\\?\\";        // "\\?\"
+constexpr wchar_t kLongUncPrefix[] = L"\\\\?\\UNC\\";    // "\\?\UNC\"
+constexpr wchar_t kDevicePrefix[] = L"\\\\.\\";          // "\\.\"
+constexpr wchar_t kSubstTargetPrefix[] = L"\\??\\";      // how a substituted drive's target is reported
+constexpr wchar_t kUncRemnant[] = L"UNC\\";
+constexpr wchar_t kPathSeparator = L'\\';
+
+// Paths of at most this many units stay in the short form.
+constexpr size_t kShortPathLimit = 248;
+// Fixed buffer of the short-form folder creation.
+constexpr size_t kShortPathBuffer = 260;
+// The largest path the system accepts in the long form, with the terminator.
+constexpr size_t kMaxLongPath = 32768;
+
+constexpr uint32_t kErrorBadPathName = 161; // ERROR_BAD_PATHNAME
+constexpr uint32_t kErrorAlreadyExists = 183; // ERROR_ALREADY_EXISTS
+
+// Makes path full and canonical: drops a "\\?\" or "\\.\" before a drive letter, turns "\\?\UNC\"
+// back into "\\", follows substituted drives to their targets. Returns 0 or a system error code;
+// 161 for a device path, a non-letter drive or anything else that is not a drive or network path.
+uint32_t normalizePath(std::wstring& path);
+
+// normalizePath, then the long prefix: always "\\?\UNC\" for a network path with server and share,
+// "\\?\" for a local path of 249 units or more.
+bool toLongPath(std::wstring& path);
+
+// Creates every missing folder above a short-form path (at most 259 units).
+bool ensureParentFolder(const std::wstring& path);
+
+// Creates every missing folder above a path of either form.
+bool ensureParentFolderLong(const std::wstring& path);
+
+// out = folder + "\" + name in the form the file system accepts, with its parent folders created.
+bool preparePath(const std::wstring& folder, const std::wstring& name, std::wstring& out);
+
+// Whether a file or folder exists; a long path without its prefix never does.
+bool pathExists(const std::wstring& path);
+
+// Size of a file; 0 for a folder or when it cannot be read.
+uint64_t fileSize(const std::wstring& path);
+
+// Hard link at newPath to existingPath, else a copy over newPath. An existing newPath counts as done.
+bool linkOrCopy(const std::wstring& newPath, const std::wstring& existingPath);
+
+// The operation behind symbolicLink, in the shape of CreateSymbolicLinkW.
+using SymbolicLinkOperation = unsigned char(__stdcall*)(const wchar_t* linkPath, const wchar_t* targetPath,
+                                                        unsigned long flags);
+
+// Chooses the process-wide symbolic-link operation: CreateSymbolicLinkW where the system has it
+// (major version 6 and later), a copy of the target onto the link path before that.
+void selectSymbolicLinkOperation();
+// Replaces the operation (tests, and systems where links must not be made).
+void setSymbolicLinkOperation(SymbolicLinkOperation operation);
+
+// Symbolic link through the chosen operation; an existing link counts as done.
+bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath);
+
+// Converts length bytes of UTF-8 into out (zero-terminated); true only when all of it fits.
+// On failure out holds an empty string.
+bool utf8ToWide(const char* text, size_t length, wchar_t* out, size_t capacity);
+// The same for zero-terminated text.
+bool utf8ToWide(const char* text, wchar_t* out, size_t capacity);
+
+} // namespace qv
