@@ -67,6 +67,8 @@ public:
     virtual StreamUnpack* unpacker() { return nullptr; }
     // Consumes count bytes; returns the number taken or a negative value (lastStatus says why).
     virtual int64_t writeBytes(const uint8_t* data, uint32_t count) = 0;
+    // The input has ended for good; false (lastStatus says why) when it stopped short of a whole stream.
+    virtual bool endOfInput() { return true; }
 };
 
 constexpr uint32_t kLinkBufferSize = 0x400000;
