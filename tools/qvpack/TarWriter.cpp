@@ -9,6 +9,10 @@
 #include <system_error>
 #include <vector>
 
+#ifdef _WIN32
+#include <windows.h>
+#endif
+
 namespace fs = std::filesystem;
 
 namespace qvpack {
@@ -108,32 +112,11 @@ private:
     uint64_t written_ = 0;
 };
 
-int64_t unixTime(const fs::path& p, bool symlink)
-{
-    std::error_code ec;
-    const auto t = symlink ? fs::file_time_type{} : fs::last_write_time(p, ec);
-    if (ec || symlink)
-        return 0;
-    const auto sys = std::chrono::file_clock::to_sys(t);
-    return std::chrono::duration_cast<std::chrono::seconds>(sys.time_since_epoch()).count();
-}
-
-uint32_t modeOf(const fs::file_status& st, bool folder)
-{
-    const auto perms = static_cast<uint32_t>(st.permissions()) & 07777;
-    // Windows reports only read-only or not: give folders and files the usual Unix modes.
-    if (perms == 0)
-        return folder ? 0755 : 0644;
-    return perms;
-}
-
 std::string utf8(const fs::path& p)
 {
     const std::u8string text = p.generic_u8string();
     return std::string(text.begin(), text.end());
 }
-
-std::string archiveName(const fs::path& root, const fs::path& p) { return utf8(p.lexically_relative(root)); }
 
 bool copyFile(TarStream& tar, const fs::path& p, uint64_t size, std::string& error)
 {
@@ -158,44 +141,119 @@ bool copyFile(TarStream& tar, const fs::path& p, uint64_t size, std::string& err
     return true;
 }
 
-bool writeTree(TarStream& tar, const fs::path& root, const fs::path& folder, TarStats& stats, std::string& error)
+struct FolderEntry {
+    fs::path path;
+    std::string name; // UTF-8
+    bool folder = false;
+    bool symlink = false;
+    uint64_t size = 0;
+    int64_t mtime = 0;
+    uint32_t mode = 0644;
+};
+
+#ifdef _WIN32
+// The C++ library cannot list folders beyond MAX_PATH on Windows; the system can, in "\\?\" form.
+bool listFolder(const fs::path& folder, std::vector<FolderEntry>& out, std::string& error)
 {
-    std::vector<fs::directory_entry> entries;
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((folder.wstring() + L"\\*").c_str(), &data);
+    if (find == INVALID_HANDLE_VALUE) {
+        error = "cannot list " + folder.string();
+        return false;
+    }
+    do {
+        const std::wstring name = data.cFileName;
+        if (name == L"." || name == L"..")
+            continue;
+        FolderEntry e;
+        e.path = folder / name;
+        e.name = utf8(fs::path(name));
+        e.folder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        e.size = (static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow;
+        const uint64_t ticks = (static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32) |
+                               data.ftLastWriteTime.dwLowDateTime;
+        e.mtime = ticks > 116444736000000000ull ? static_cast<int64_t>((ticks - 116444736000000000ull) / 10000000) : 0;
+        const bool readOnly = (data.dwFileAttributes & FILE_ATTRIBUTE_READONLY) != 0;
+        e.mode = e.folder ? 0755 : (readOnly ? 0444 : 0644);
+        out.push_back(std::move(e));
+    } while (FindNextFileW(find, &data));
+    FindClose(find);
+    return true;
+}
+#else
+int64_t unixTime(const fs::path& p, bool symlink)
+{
     std::error_code ec;
-    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec))
-        entries.push_back(*it);
+    const auto t = symlink ? fs::file_time_type{} : fs::last_write_time(p, ec);
+    if (ec || symlink)
+        return 0;
+    const auto sys = std::chrono::file_clock::to_sys(t);
+    return std::chrono::duration_cast<std::chrono::seconds>(sys.time_since_epoch()).count();
+}
+
+uint32_t modeOf(const fs::file_status& st, bool folder)
+{
+    const auto perms = static_cast<uint32_t>(st.permissions()) & 07777;
+    // Windows reports only read-only or not: give folders and files the usual Unix modes.
+    if (perms == 0)
+        return folder ? 0755 : 0644;
+    return perms;
+}
+
+bool listFolder(const fs::path& folder, std::vector<FolderEntry>& out, std::string& error)
+{
+    std::error_code ec;
+    for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        FolderEntry e;
+        e.path = it->path();
+        e.name = utf8(e.path.filename());
+        const fs::file_status st = it->symlink_status();
+        e.symlink = fs::is_symlink(st);
+        e.folder = !e.symlink && fs::is_directory(st);
+        if (!e.symlink && !e.folder && !fs::is_regular_file(st))
+            continue; // sockets, devices and pipes have no place in a package
+        e.size = e.folder || e.symlink ? 0 : it->file_size();
+        e.mtime = e.symlink ? 0 : unixTime(e.path, false);
+        e.mode = modeOf(st, e.folder);
+        out.push_back(std::move(e));
+    }
     if (ec) {
         error = "cannot list " + folder.string() + ": " + ec.message();
         return false;
     }
-    std::sort(entries.begin(), entries.end(),
-              [](const fs::directory_entry& a, const fs::directory_entry& b) { return a.path() < b.path(); });
+    return true;
+}
+#endif
 
-    for (const auto& entry : entries) {
-        const fs::path& p = entry.path();
-        const std::string name = archiveName(root, p);
-        const fs::file_status st = entry.symlink_status();
-        if (fs::is_symlink(st)) {
-            const std::string target = utf8(fs::read_symlink(p));
-            tar.header(name, '2', 0, 0777, 0, target);
+// prefix: the archive name of folder, with a trailing "/" (empty for the root).
+bool writeTree(TarStream& tar, const fs::path& folder, const std::string& prefix, TarStats& stats, std::string& error)
+{
+    std::vector<FolderEntry> entries;
+    if (!listFolder(folder, entries, error))
+        return false;
+    std::sort(entries.begin(), entries.end(),
+              [](const FolderEntry& a, const FolderEntry& b) { return a.name < b.name; });
+
+    for (const auto& e : entries) {
+        const std::string name = prefix + e.name;
+        if (e.symlink) {
+            tar.header(name, '2', 0, 0777, 0, utf8(fs::read_symlink(e.path)));
             ++stats.links;
-        } else if (fs::is_directory(st)) {
-            tar.header(name + "/", '5', 0, modeOf(st, true), unixTime(p, false), "");
+        } else if (e.folder) {
+            tar.header(name + "/", '5', 0, e.mode, e.mtime, "");
             ++stats.folders;
-            if (!writeTree(tar, root, p, stats, error))
+            if (!writeTree(tar, e.path, name + "/", stats, error))
                 return false;
-        } else if (fs::is_regular_file(st)) {
-            const uint64_t size = entry.file_size();
-            if (size > kMaxOctalSize) {
-                error = "file too large for the package format (8 GiB or more): " + p.string();
+        } else {
+            if (e.size > kMaxOctalSize) {
+                error = "file too large for the package format (8 GiB or more): " + e.path.string();
                 return false;
             }
-            tar.header(name, '0', size, modeOf(st, false), unixTime(p, false), "");
-            if (!copyFile(tar, p, size, error))
+            tar.header(name, '0', e.size, e.mode, e.mtime, "");
+            if (!copyFile(tar, e.path, e.size, error))
                 return false;
             ++stats.files;
         }
-        // Sockets, devices and pipes have no place in a package.
     }
     return true;
 }
@@ -213,7 +271,7 @@ bool writeTar(const fs::path& root, const ExtraEntry* extra, std::ostream& out, 
         tar.pad();
         ++stats.files;
     }
-    if (!writeTree(tar, root, root, stats, error))
+    if (!writeTree(tar, root, std::string(), stats, error))
         return false;
     tar.end();
     stats.bytes = tar.written();

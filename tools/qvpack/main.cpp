@@ -16,6 +16,19 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Windows paths beyond MAX_PATH work only in their "\\?\" form.
+fs::path usablePath(const fs::path& p)
+{
+#ifdef _WIN32
+    const std::wstring full = fs::absolute(p).lexically_normal().wstring();
+    if (full.rfind(L"\\\\", 0) == 0)
+        return full.rfind(L"\\\\?\\", 0) == 0 ? fs::path(full) : fs::path(L"\\\\?\\UNC\\" + full.substr(2));
+    return fs::path(L"\\\\?\\" + full);
+#else
+    return p;
+#endif
+}
+
 constexpr const char* kUsage =
     "usage: qvpack FOLDER OUTPUT-FOLDER [options]\n"
     "  --name STEM          package name (default: the folder's name)\n"
@@ -68,12 +81,12 @@ int main(int argc, char** argv)
         std::fputs(kUsage, stderr);
         return 2;
     }
-    const fs::path source = argv[1];
-    const fs::path output = argv[2];
+    const fs::path source = usablePath(argv[1]);
+    const fs::path output = usablePath(argv[2]);
     qvpack::PackOptions options;
-    options.stem = fs::absolute(source).lexically_normal().filename().string();
+    options.stem = fs::absolute(argv[1]).lexically_normal().filename().string();
     if (options.stem.empty())
-        options.stem = fs::absolute(source).lexically_normal().parent_path().filename().string();
+        options.stem = fs::absolute(argv[1]).lexically_normal().parent_path().filename().string();
     std::string baseUrl, exePath, exeParam;
     bool autoOpen = false;
 
