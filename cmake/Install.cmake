@@ -2,7 +2,7 @@
 # and include/qvdlm/ (public headers).
 include(CMakePackageConfigHelpers)
 
-install(TARGETS QvDLM LZMA EXPORT QvDLMTargets
+install(TARGETS QvDLM LZMA QvDLMRes EXPORT QvDLMTargets
         RUNTIME DESTINATION bin
         LIBRARY DESTINATION bin
         ARCHIVE DESTINATION lib

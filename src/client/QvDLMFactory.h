@@ -11,6 +11,10 @@ class Log;
 
 class QVDLM_API QvDLM {
 public:
+    // A log subscribed to the library's events, writing to path (a fresh temporary file when null);
+    // null when the file cannot be opened or QvDLMRes.dll is not loaded in the process.
+    static Log* createLog(const wchar_t* path);
+
     // A null argument is ignored.
     static void destroy(Log* log);
     static void destroy(DownloadMgr* manager);

@@ -49,6 +49,12 @@ void EventPublisherImpl::publish(const EventRecord* record)
         subscriber->notify(record);
 }
 
+size_t EventPublisherImpl::subscriberCount()
+{
+    qv::CsLock hold(lock_);
+    return subscribers_.size();
+}
+
 void publishEvent(Download* source, uint32_t kind, uint64_t value)
 {
     EventRecord record{source, kind, value};

@@ -15,6 +15,9 @@ public:
     void unsubscribe(EventSubscriber* subscriber) override;
     void publish(const EventRecord* record) override;
 
+    // How many subscribers are registered (for diagnostics and tests).
+    size_t subscriberCount();
+
 private:
     std::set<EventSubscriber*> subscribers_;
     qv::CriticalSection lock_;
