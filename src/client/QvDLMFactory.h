@@ -11,6 +11,9 @@ class Log;
 
 class QVDLM_API QvDLM {
 public:
+    // An empty request; null when memory is exhausted.
+    static DownloadRequest* createDownloadRequest();
+
     // A null argument is ignored.
     static void destroy(Log* log);
     static void destroy(DownloadMgr* manager);
