@@ -1,5 +1,7 @@
 #include "log/StatsImp.h"
 
+#include <initializer_list>
+
 #include "Download.h"
 #include "DownloadRequest.h"
 

@@ -7,6 +7,7 @@
 #include <cwchar>
 #include <cwctype>
 #include <exception>
+#include <initializer_list>
 #include <new>
 #include <set>
 #include <string>

@@ -400,6 +400,18 @@ TEST(DownloadRequestBlockNaming, FewerDigitsOrAnotherSuffixLeaveTheNameAlone)
     }
 }
 
+TEST(DownloadRequestBlockNaming, ZeroBlocksLeaveNoUrlToFetch)
+{
+    DownloadRequestImp r;
+    r.setUrl(L"http://h.example/p/pkg_001_000.sfx.exe?authparam=0a0b&SESSION_ID=s", nullptr, nullptr);
+    EXPECT_EQ(r.getBlockCount(), 0);
+    EXPECT_TRUE(r.getUrls().empty());
+    EXPECT_EQ(r.getToken(0), nullptr);
+    EXPECT_STREQ(r.getId(), L"");
+    EXPECT_EQ(r.getUrl(false), nullptr);
+    EXPECT_EQ(r.nextBlock(), nullptr);
+}
+
 TEST(DownloadRequestBlockNaming, MissingFirstBlockMarkerReadsTheCountFromTheTextStart)
 {
     // Without "_001_" the rule reads positions 4..6 as the count and replaces the first three characters.
