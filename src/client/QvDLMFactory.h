@@ -14,6 +14,8 @@ public:
     // A log subscribed to the library's events, writing to path (a fresh temporary file when null);
     // null when the file cannot be opened or QvDLMRes.dll is not loaded in the process.
     static Log* createLog(const wchar_t* path);
+    // An empty request; null when memory is exhausted.
+    static DownloadRequest* createDownloadRequest();
 
     // A null argument is ignored.
     static void destroy(Log* log);
