@@ -13,3 +13,4 @@
 #include "QvDLMFactory.h"
 #include "Stats.h"
 #include "UrlAuth.h"
+#include "UrlValidation.h"
