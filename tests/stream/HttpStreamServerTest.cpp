@@ -181,21 +181,6 @@ TEST(HttpStreamNginx, AnOverLongPathIsNeverRequested)
     EXPECT_EQ(stream.lastStatus(), static_cast<uint32_t>(ERROR_INSUFFICIENT_BUFFER));
 }
 
-TEST(HttpStreamNginx, ReconnectAfterTheEndStartsFromThePosition)
-{
-    HTTPStreamImp stream(qvtest::nginxUrl(qvtest::patternFileName(qvtest::kPattern3Size, 3)).c_str(), 0, 0);
-    ASSERT_EQ(stream.reconnect(), &stream) << stream.lastStatus();
-    std::vector<uint8_t> buffer(1000);
-    ASSERT_EQ(stream.readBytes(buffer.data(), 1000), 1000u);
-    // Drop the connection halfway and go on from where the reading stopped.
-    ASSERT_EQ(stream.reconnect(), &stream) << stream.lastStatus();
-    EXPECT_EQ(stream.statusCode(), 206u);
-    const ReadResult rest = readAll(stream);
-    ASSERT_FALSE(rest.failed) << rest.status;
-    const std::string expected = qvtest::patternBytes(qvtest::kPattern3Size, 3);
-    EXPECT_TRUE(std::string(buffer.begin(), buffer.end()) + rest.data == expected);
-}
-
 TEST(HttpStreamNginx, AClosedPortIsNotConnected)
 {
     const std::wstring url = L"http://localhost:" + std::to_wstring(qvtest::port(19)) + L"/x";

@@ -224,12 +224,4 @@ TEST(HttpStreamRequest, ReadingWithoutARequestFails)
     EXPECT_STREQ(stream.httpVersion(), L"");
 }
 
-TEST(HttpStreamRequest, CloseIsSafeTwice)
-{
-    HTTPStreamImp stream(L"http://localhost/", 0, 0);
-    stream.close();
-    stream.close();
-    EXPECT_EQ(stream.position(), 0);
-}
-
 } // namespace
