@@ -304,7 +304,11 @@ TEST_F(HttpStreamFaults, AConnectionClosedMidBodyIsATruncationNotAnEnd)
 TEST_F(HttpStreamFaults, AResetMidBodyFails)
 {
     auto stream = get(L"rst");
-    ASSERT_EQ(stream->connect(), stream.get()) << stream->lastStatus();
+    if (stream->connect() == nullptr) {
+        // The reset overtook the answer's head: the send fails instead of a read.
+        EXPECT_NE(stream->lastStatus(), 0u);
+        return;
+    }
     const ReadResult result = readAll(*stream, 4096);
     ASSERT_TRUE(result.failed);
     EXPECT_NE(result.status, 0u);
@@ -401,13 +405,24 @@ TEST_F(HttpStreamFaults, AResetTransferResumesToTheWholeFile)
     const std::wstring path = L"file/" + qvtest::patternFileName(qvtest::kPattern1Size, 1) +
                               L"?rst=300000&times=1&key=" + uniqueKey();
     auto stream = get(path);
-    ASSERT_EQ(stream->reconnect(), stream.get()) << stream->lastStatus();
-    ReadResult first = readAll(*stream, kChunk);
-    ASSERT_TRUE(first.failed);
-    ASSERT_EQ(stream->reconnect(), stream.get()) << stream->lastStatus();
-    const ReadResult rest = readAll(*stream, kChunk);
-    ASSERT_FALSE(rest.failed) << rest.status;
-    EXPECT_TRUE(first.data + rest.data == expected);
+    // As the source thread does: reconnect from the position after every failure (a few times).
+    std::string received;
+    int failures = 0;
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        if (!stream->reconnect()) {
+            ++failures;
+            continue;
+        }
+        const ReadResult part = readAll(*stream, kChunk);
+        received += part.data;
+        EXPECT_EQ(stream->position(), static_cast<int64_t>(received.size()));
+        if (!part.failed)
+            break;
+        ++failures;
+    }
+    EXPECT_EQ(failures, 1);
+    EXPECT_EQ(received.size(), expected.size());
+    EXPECT_TRUE(received == expected);
 }
 
 } // namespace
