@@ -52,7 +52,8 @@ public:
         contentLength = blockLengths[currentBlock];
         return blockUrls[currentBlock].c_str();
     }
-    bool isFinished() override { return currentBlock + 1 >= blockUrls.size() && nextBlockCallsAtEnd > 0; }
+    std::atomic<bool> finished{true};
+    bool isFinished() override { return finished; }
     void setCheckpointId(uint32_t id) override { checkpointId = id; }
     uint32_t getCheckpointId() override { return checkpointId; }
     uint64_t getBlockDownloadedSize() override { return blockDownloaded; }
@@ -152,6 +153,7 @@ public:
     std::atomic<uint64_t> total{0};
     std::atomic<int> fallbacks{0};
     bool restoreResult = true;
+    std::wstring failRestoreOf; // a stage whose restore fails even when restoreResult is true
     Stream* sink = nullptr;
     std::deque<uint32_t> validationCodes; // answered in turn; 0 once empty
     // Called on every status() read, from the thread that reads it.
@@ -181,7 +183,7 @@ public:
     {
         std::lock_guard<std::mutex> lock(mutex_);
         restored_.push_back(stageName);
-        return restoreResult;
+        return restoreResult && failRestoreOf != stageName;
     }
     void addBytes(int64_t n) override { bytes += n; }
     uint32_t controlThreadId() override { return controlThread; }
@@ -382,8 +384,9 @@ inline std::string resourceBytes(const std::wstring& url, int64_t from, int64_t 
 class FakeServices final : public ReaderServices {
 public:
     std::deque<bool> reconnects;
-    // Scripts for the sources made for each URL.
+    // Scripts for the sources made for each URL, and for sources being reconnected.
     std::function<void(ScriptedSource&)> onCreate;
+    std::function<void(ScriptedSource&)> onReconnect;
     std::atomic<int> alive{0};
     std::atomic<int> sleeps{0};
     std::atomic<int> reconnectCalls{0};
@@ -410,6 +413,8 @@ public:
                 reconnects.pop_front();
             }
         }
+        if (onReconnect)
+            onReconnect(*static_cast<ScriptedSource*>(source));
         source->setLastStatus(ok ? 0 : 12029);
         return ok;
     }
