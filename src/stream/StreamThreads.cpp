@@ -454,6 +454,13 @@ uint32_t __stdcall writerStreamThread(void* parameter)
         BufferSlot& slot = in.slot();
         if (slot.restart) {
             if (request.isLzma2Package() || request.isSfxPackage() || request.isFinished()) {
+                // A package that ends inside an entry is not complete.
+                if (!sink->endOfInput()) {
+                    if (sink->lastStatus() == 0)
+                        sink->setLastStatus(qvdlm::status::GeneralError);
+                    publishMessage(download, event::Error, msg::UnpackageFailed);
+                    break;
+                }
                 publishMessage(download, event::Information, msg::UnpackageCompleted);
                 sink->setLastStatus(0);
                 break;
@@ -530,6 +537,16 @@ uint32_t __stdcall readerWriterStreamThread(void* parameter)
             break;
 
         BufferSlot& input = in.slot();
+        if (input.restart && !writer->endOfInput()) {
+            // The stream stopped short: the sink must not take this for a complete package.
+            publishLine<kLongLine>(download, L"readerWriterStreamThread: readBytes failed. stream writer last status: %d",
+                                   static_cast<int>(writer->lastStatus()));
+            if (writer->lastStatus() == 0)
+                writer->setLastStatus(qvdlm::status::GeneralError);
+            job.setJobStatus(qvdlm::status::GeneralError);
+            publishMessage(download, event::Error, msg::DecompressFailed);
+            break;
+        }
         if (input.restart) {
             // The end of a block must reach the sink even while a stop is being delivered.
             SlotWait free = out.acquire();

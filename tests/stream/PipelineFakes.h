@@ -325,6 +325,8 @@ public:
     }
 
     std::deque<ReadStep> script;
+    // When set, the resource's bytes instead of the pattern.
+    const std::string* content = nullptr;
     // Called before every read, on the source thread.
     std::function<void(ScriptedSource&)> beforeRead;
     std::atomic<int> reads{0};
@@ -350,7 +352,8 @@ public:
         }
         const uint32_t n = std::min(step.bytes, capacity);
         for (uint32_t i = 0; i < n; ++i)
-            buffer[i] = byteAt(url_, position_ + i);
+            buffer[i] = content ? static_cast<uint8_t>((*content)[static_cast<size_t>(position_ + i)])
+                                : byteAt(url_, position_ + i);
         position_ += n;
         if (n == step.bytes)
             script.pop_front();
@@ -460,8 +463,15 @@ public:
     std::vector<uint32_t> counts;
     int failAtCall = -1;    // writeBytes call (from 0) that fails
     int64_t failResult = -1;
+    bool wholeAtEnd = true; // what endOfInput answers
     std::atomic<int>* alive = nullptr;
 
+    bool endOfInput() override
+    {
+        if (!wholeAtEnd)
+            setLastStatus(0x28000002);
+        return wholeAtEnd;
+    }
     ~CollectingSink() override
     {
         if (alive)
@@ -513,8 +523,15 @@ public:
     uint32_t piece = 5;
     uint32_t readFailure = 0;   // status the reader side reports
     int failWriteAtCall = -1;   // writeBytes call (from 0) that fails
+    bool wholeAtEnd = true;     // what endOfInput answers
     std::vector<uint32_t> counts;
 
+    bool endOfInput() override
+    {
+        if (!wholeAtEnd)
+            setLastStatus(6);
+        return wholeAtEnd;
+    }
     void close() override {}
     bool restoreState(const StreamStateHeader* record) override { return record && record->size >= 8; }
     uint64_t saveState(StreamStateHeader*, uint64_t*) override { return 8; }
@@ -605,6 +622,113 @@ private:
     Body body_;
     HANDLE handle_ = nullptr;
     DWORD id_ = 0;
+};
+
+constexpr uint64_t kBuffer = 64;
+constexpr uint32_t kTimedOut = 0xFFFFFFFF;
+
+// A pipeline of fake stages around a fake job.
+struct Rig {
+    FakeRequest request;
+    FakeJob job{request};
+    FakeServices services;
+    EventRecorder events;
+    std::vector<std::unique_ptr<TargetImp>> targets;
+    ScriptedSource* source = nullptr;
+    InvertingMiddle* middle = nullptr;
+    CollectingSink* sink = nullptr;
+
+    uint64_t bufferSize = kBuffer;
+
+    TargetImp* add(Stream* stage, uint32_t links, const wchar_t* name)
+    {
+        auto target = std::make_unique<TargetImp>(&job, targets.empty() ? nullptr : targets.back().get());
+        const LinkSpec spec = linkSpec(links, bufferSize, name);
+        EXPECT_TRUE(target->configure(stage, &spec));
+        EXPECT_TRUE(target->createBuffers());
+        targets.push_back(std::move(target));
+        return targets.back().get();
+    }
+    void plain()
+    {
+        source = new ScriptedSource(request.getUrl(false), 0, 0, &services.alive);
+        add(source, 1, L"Http");
+        sink = new CollectingSink;
+        add(sink, 1, L"File");
+    }
+    // A middle stage of the test's own, or an inverting one.
+    void package(StreamWriter* decoder = nullptr)
+    {
+        request.lzma = true;
+        source = new ScriptedSource(request.getUrl(false), 0, 0, &services.alive);
+        add(source, 1, L"Http");
+        if (!decoder)
+            decoder = middle = new InvertingMiddle;
+        add(decoder, 2, L"Lzma");
+        sink = new CollectingSink;
+        add(sink, 1, L"xTar");
+    }
+    // Data of the current source in reads of the given sizes; the block's length is their sum.
+    void script(std::initializer_list<uint32_t> reads)
+    {
+        int64_t total = 0;
+        for (uint32_t n : reads) {
+            source->script.push_back({n, 0});
+            total += n;
+        }
+        request.contentLength = total;
+        request.blockLengths[0] = total;
+    }
+    Stream* currentSource() { return targets.front()->streamData()->stage; }
+
+    // Runs every stage on its thread and answers their exit codes, source first.
+    std::vector<uint32_t> run()
+    {
+        std::vector<std::unique_ptr<StageThread>> threads;
+        threads.push_back(
+            std::make_unique<StageThread>([this] { return runReaderStream(targets[0].get(), services); }));
+        if (targets.size() == 3)
+            threads.push_back(std::make_unique<StageThread>(&readerWriterStreamThread, targets[1].get()));
+        threads.push_back(std::make_unique<StageThread>(&writerStreamThread, targets.back().get()));
+        std::vector<uint32_t> codes;
+        for (auto& t : threads)
+            codes.push_back(t->join());
+        return codes;
+    }
+};
+
+// Stands in for a download's control thread: turns a posted pause into the paused state.
+class FakeControlThread {
+public:
+    explicit FakeControlThread(FakeJob& job)
+        : ready_(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
+          thread_([this, &job] {
+              MSG m;
+              PeekMessageW(&m, nullptr, 0, 0, PM_NOREMOVE);
+              SetEvent(ready_);
+              while (GetMessageW(&m, nullptr, 0, 0) > 0) {
+                  if (m.message == qvdlm::command::Pause) {
+                      ++pauses;
+                      job.state = qvdlm::state::Paused;
+                  }
+              }
+              return 0u;
+          })
+    {
+        WaitForSingleObject(ready_, 10000);
+        job.controlThread = thread_.id();
+    }
+    ~FakeControlThread()
+    {
+        thread_.post(WM_QUIT);
+        thread_.join();
+        CloseHandle(ready_);
+    }
+    std::atomic<int> pauses{0};
+
+private:
+    HANDLE ready_;
+    StageThread thread_;
 };
 
 } // namespace fakes

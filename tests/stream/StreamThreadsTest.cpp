@@ -27,8 +27,9 @@ namespace event = qvdlm::event;
 
 namespace {
 
-constexpr uint64_t kBuffer = 64;
-constexpr uint32_t kTimedOut = 0xFFFFFFFF;
+using fakes::FakeControlThread;
+using fakes::kTimedOut;
+using fakes::Rig;
 
 std::string inverted(std::string bytes)
 {
@@ -36,106 +37,6 @@ std::string inverted(std::string bytes)
         c = static_cast<char>(~static_cast<unsigned char>(c));
     return bytes;
 }
-
-// A pipeline of fake stages around a fake job.
-struct Rig {
-    FakeRequest request;
-    FakeJob job{request};
-    FakeServices services;
-    EventRecorder events;
-    std::vector<std::unique_ptr<TargetImp>> targets;
-    ScriptedSource* source = nullptr;
-    InvertingMiddle* middle = nullptr;
-    CollectingSink* sink = nullptr;
-
-    TargetImp* add(Stream* stage, uint32_t links, const wchar_t* name)
-    {
-        auto target = std::make_unique<TargetImp>(&job, targets.empty() ? nullptr : targets.back().get());
-        const LinkSpec spec = linkSpec(links, kBuffer, name);
-        EXPECT_TRUE(target->configure(stage, &spec));
-        EXPECT_TRUE(target->createBuffers());
-        targets.push_back(std::move(target));
-        return targets.back().get();
-    }
-    void plain()
-    {
-        source = new ScriptedSource(request.getUrl(false), 0, 0, &services.alive);
-        add(source, 1, L"Http");
-        sink = new CollectingSink;
-        add(sink, 1, L"File");
-    }
-    void package()
-    {
-        request.lzma = true;
-        source = new ScriptedSource(request.getUrl(false), 0, 0, &services.alive);
-        add(source, 1, L"Http");
-        middle = new InvertingMiddle;
-        add(middle, 2, L"Lzma");
-        sink = new CollectingSink;
-        add(sink, 1, L"xTar");
-    }
-    // Data of the current source in reads of the given sizes; the block's length is their sum.
-    void script(std::initializer_list<uint32_t> reads)
-    {
-        int64_t total = 0;
-        for (uint32_t n : reads) {
-            source->script.push_back({n, 0});
-            total += n;
-        }
-        request.contentLength = total;
-        request.blockLengths[0] = total;
-    }
-    Stream* currentSource() { return targets.front()->streamData()->stage; }
-
-    // Runs every stage on its thread and answers their exit codes, source first.
-    std::vector<uint32_t> run()
-    {
-        std::vector<std::unique_ptr<StageThread>> threads;
-        threads.push_back(
-            std::make_unique<StageThread>([this] { return runReaderStream(targets[0].get(), services); }));
-        if (targets.size() == 3)
-            threads.push_back(std::make_unique<StageThread>(&readerWriterStreamThread, targets[1].get()));
-        threads.push_back(std::make_unique<StageThread>(&writerStreamThread, targets.back().get()));
-        std::vector<uint32_t> codes;
-        for (auto& t : threads)
-            codes.push_back(t->join());
-        return codes;
-    }
-};
-
-// Stands in for a download's control thread: turns a posted pause into the paused state.
-class FakeControlThread {
-public:
-    explicit FakeControlThread(FakeJob& job)
-        : ready_(CreateEventW(nullptr, TRUE, FALSE, nullptr)),
-          thread_([this, &job] {
-              MSG m;
-              PeekMessageW(&m, nullptr, 0, 0, PM_NOREMOVE);
-              SetEvent(ready_);
-              while (GetMessageW(&m, nullptr, 0, 0) > 0) {
-                  if (m.message == qvdlm::command::Pause) {
-                      ++pauses;
-                      job.state = state::Paused;
-                  }
-              }
-              return 0u;
-          })
-    {
-        WaitForSingleObject(ready_, 10000);
-        job.controlThread = thread_.id();
-    }
-    ~FakeControlThread()
-    {
-        thread_.post(WM_QUIT);
-        thread_.join();
-        CloseHandle(ready_);
-    }
-    std::atomic<int> pauses{0};
-
-private:
-    HANDLE ready_;
-    StageThread thread_;
-};
 
 // Ends the run the way the manager does when an error event arrives: abort.
 void abortOnErrorEvents(Rig& rig)
@@ -443,6 +344,36 @@ TEST(Failures, MiddleReadFailureTakesTheReaderStatus)
     EXPECT_EQ(1, rig.events.countText(L"readerWriterStreamThread: readBytes failed. stream writer last status: 0"));
     EXPECT_EQ(1, rig.events.count(event::Error, msg::DecompressFailed));
     EXPECT_TRUE(rig.sink->bytes.empty());
+}
+
+TEST(Failures, MiddleStreamCutShortFailsInsteadOfCompleting)
+{
+    Rig rig;
+    rig.package();
+    rig.script({64, 64});
+    rig.middle->wholeAtEnd = false;
+    const auto codes = rig.run();
+    EXPECT_EQ(6u, codes[1]);
+    EXPECT_EQ(0u, codes[0]);
+    EXPECT_NE(kTimedOut, codes[2]);
+    EXPECT_EQ(1, rig.events.count(event::Error, msg::DecompressFailed));
+    EXPECT_EQ(0, rig.events.count(event::Information, msg::DecompressCompleted));
+    EXPECT_EQ(0, rig.events.count(event::Information, msg::UnpackageCompleted));
+    EXPECT_EQ(1, rig.events.countText(L"readerWriterStreamThread: readBytes failed. stream writer last status: 6"));
+    // Everything decoded before the end still reached the sink.
+    EXPECT_EQ(inverted(resourceBytes(rig.source->url(), 0, 128)), rig.sink->bytes);
+}
+
+TEST(Failures, SinkLeftInsideAnEntryAtTheEndFails)
+{
+    Rig rig;
+    rig.package();
+    rig.script({64});
+    rig.sink->wholeAtEnd = false;
+    const auto codes = rig.run();
+    EXPECT_EQ(0x28000002u, codes[2]);
+    EXPECT_EQ(1, rig.events.count(event::Error, msg::UnpackageFailed));
+    EXPECT_EQ(0, rig.events.count(event::Information, msg::UnpackageCompleted));
 }
 
 TEST(Failures, CancelledStartEndsEveryThreadWithNotPrepared)
