@@ -22,7 +22,7 @@ uint32_t lastSystemError(uint32_t fallback)
 
 } // namespace
 
-GenericFileStreamWriterImp::GenericFileStreamWriterImp(const wchar_t* path, bool resuming)
+GenericFileStreamWriterImp::GenericFileStreamWriterImp(const wchar_t* path, int64_t offset)
     : path_(new wchar_t[kPathCapacity])
 {
     offset_ = 0;
@@ -32,8 +32,24 @@ GenericFileStreamWriterImp::GenericFileStreamWriterImp(const wchar_t* path, bool
         for (; n + 1 < kPathCapacity && path[n] != L'\0'; ++n)
             path_[n] = path[n];
     }
-    // When resuming, what is there stays: restoreState decides the length at which it continues.
-    open(resuming);
+    if (offset == kKeepUntilRestored)
+        open(true);
+    else if (offset > 0)
+        continueAt(offset);
+    else
+        open(false);
+}
+
+bool GenericFileStreamWriterImp::continueAt(int64_t offset)
+{
+    file_.reset();
+    // Bytes the caller counts but the file lost cannot be made up.
+    if (static_cast<uint64_t>(offset) > qv::fileSize(path_.get())) {
+        lastStatus_ = ERROR_HANDLE_EOF;
+        return false;
+    }
+    offset_ = offset;
+    return open(false);
 }
 
 GenericFileStreamWriterImp::~GenericFileStreamWriterImp()
@@ -85,13 +101,11 @@ bool GenericFileStreamWriterImp::restoreState(const StreamStateHeader* record)
     if (state.offset < 0)
         return false;
 
-    // Bytes the checkpoint counts but the file lost cannot be made up: start over instead.
-    file_.reset();
-    if (static_cast<uint64_t>(state.offset) > qv::fileSize(path_.get()))
-        return false;
-    offset_ = state.offset;
-    // Continuing at 0 means writing the file anew.
-    return open(false);
+    if (state.offset == 0) {
+        offset_ = 0;
+        return open(false); // continuing at 0 means writing the file anew
+    }
+    return continueAt(state.offset);
 }
 
 uint64_t GenericFileStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacity)

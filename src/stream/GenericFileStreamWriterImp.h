@@ -10,10 +10,14 @@ class GenericFileStreamWriterImp final : public StreamWriter {
 public:
     static constexpr size_t kPathCapacity = 32768; // UTF-16 units with the terminator
 
-    // Opens path (cut to fit) for writing from its start, clearing a read-only attribute first.
-    // With resuming, an existing file is kept as it is so that restoreState can continue it at the
-    // checkpointed length.
-    explicit GenericFileStreamWriterImp(const wchar_t* path, bool resuming = false);
+    // Makes the file's length wait for restoreState (a download resuming from a checkpoint).
+    static constexpr int64_t kKeepUntilRestored = -1;
+
+    // Opens path (cut to fit) for writing, clearing a read-only attribute first: offset 0 starts a
+    // new file, a positive offset continues the file at that length (refused, with no file open,
+    // when the file holds fewer bytes), kKeepUntilRestored keeps the file as it is until
+    // restoreState says where it continues.
+    explicit GenericFileStreamWriterImp(const wchar_t* path, int64_t offset = 0);
     ~GenericFileStreamWriterImp() override;
 
     void close() override;
@@ -34,6 +38,8 @@ private:
     };
 
     bool open(bool keepContents);
+    // Opens at offset_ when the file holds at least that many bytes.
+    bool continueAt(int64_t offset);
 
     int64_t offset_ = 0; // length at which the file continues
     std::unique_ptr<wchar_t[]> path_;

@@ -151,7 +151,7 @@ TEST(FileSink, RestoredSinkContinuesExactlyAtTheCheckpoint)
     }
     EXPECT_EQ(before + lost, contents(path));
 
-    GenericFileStreamWriterImp resumed(path.c_str(), true);
+    GenericFileStreamWriterImp resumed(path.c_str(), GenericFileStreamWriterImp::kKeepUntilRestored);
     // Creation for a resumption keeps the file until the restore says where it continues.
     EXPECT_EQ(before.size() + lost.size(), qv::fileSize(path));
     ASSERT_TRUE(resumed.restoreState(reinterpret_cast<StreamStateHeader*>(&checkpoint)));
@@ -167,7 +167,7 @@ TEST(FileSink, RestoreToZeroStartsTheFileAnew)
     qvtest::ScratchDir dir(L"sink-zero");
     const std::wstring path = dir / L"zero.bin";
     ASSERT_TRUE(qvtest::writeFile(path, "stale"));
-    GenericFileStreamWriterImp sink(path.c_str(), true);
+    GenericFileStreamWriterImp sink(path.c_str(), GenericFileStreamWriterImp::kKeepUntilRestored);
     FileSinkState zero{16, 0, 0};
     ASSERT_TRUE(sink.restoreState(reinterpret_cast<StreamStateHeader*>(&zero)));
     write(sink, "fresh");
@@ -180,11 +180,31 @@ TEST(FileSink, RestoreRefusesAFileShorterThanTheCheckpoint)
     qvtest::ScratchDir dir(L"sink-short");
     const std::wstring path = dir / L"short.bin";
     ASSERT_TRUE(qvtest::writeFile(path, std::string(100, 'q')));
-    GenericFileStreamWriterImp sink(path.c_str(), true);
+    GenericFileStreamWriterImp sink(path.c_str(), GenericFileStreamWriterImp::kKeepUntilRestored);
     FileSinkState beyond{16, 0, 101};
     EXPECT_FALSE(sink.restoreState(reinterpret_cast<StreamStateHeader*>(&beyond)));
     // Nothing is made up: the file is not grown to the recorded length.
     EXPECT_EQ(100u, qv::fileSize(path));
+}
+
+TEST(FileSink, CreationAtAnOffsetContinuesThere)
+{
+    qvtest::ScratchDir dir(L"sink-offset");
+    const std::wstring path = dir / L"offset.bin";
+    const std::string original = qvtest::patternBytes(1000, 21);
+    ASSERT_TRUE(qvtest::writeFile(path, original));
+    {
+        GenericFileStreamWriterImp sink(path.c_str(), 600);
+        ASSERT_TRUE(sink.isOpen());
+        EXPECT_EQ(600, sink.offset());
+        EXPECT_EQ(4, write(sink, "tail"));
+    }
+    EXPECT_EQ(original.substr(0, 600) + "tail", contents(path));
+
+    GenericFileStreamWriterImp beyond(path.c_str(), 5000);
+    EXPECT_FALSE(beyond.isOpen());
+    EXPECT_NE(0u, beyond.lastStatus());
+    EXPECT_EQ(604u, qv::fileSize(path));
 }
 
 TEST(FileSink, CloseResetsTheOffset)
