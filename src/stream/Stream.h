@@ -4,7 +4,11 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
+#include <memory>
+
+#include "common/Win32Raii.h"
 
 class DownloadRequest;
 class Download;
@@ -84,12 +88,22 @@ struct LinkSpec {
 
 // An auto-reset event with its wait time; closes its handle when destroyed.
 struct SlotEvent {
-    HANDLE handle = nullptr;
-    uint32_t waitMs = 0;
-    ~SlotEvent()
+    qv::UniqueHandle handle;
+    uint32_t waitMs = 0; // INFINITE once created
+
+    // Auto-reset and initially non-signalled.
+    bool create()
+    {
+        handle.reset(CreateEventW(nullptr, FALSE, FALSE, nullptr));
+        if (!handle)
+            return false;
+        waitMs = INFINITE;
+        return true;
+    }
+    void signal() const
     {
         if (handle)
-            CloseHandle(handle);
+            SetEvent(handle.get());
     }
 };
 
@@ -97,15 +111,23 @@ struct SlotEvent {
 struct BufferSlot {
     uint32_t sequence = 0; // checkpoint sequence number of the data
     uint32_t restart = 0;  // set on the slot that ends a block
-    uint8_t* data = nullptr;
+    uint8_t* data = nullptr; // points into storage
     uint32_t count = 0;    // valid bytes after a fill
     SlotEvent filled;      // signalled by the producer
     SlotEvent emptied;     // signalled by the consumer
+    qv::HeapBlock storage;
 };
 
+// Two equal buffers between neighbouring stages. A link serves one run of the pipeline.
 struct BufferLink {
     uint64_t bufferSize = 0;
-    BufferSlot* slots[2] = {nullptr, nullptr};
+    std::unique_ptr<BufferSlot> slots[2];
+
+    // A side that leaves says so before its farewell signal, so that the other side can tell that
+    // signal from a real hand-over: the producer leaves the number of slots it filled, the consumer
+    // a flag.
+    std::atomic<int64_t> producerEnd{INT64_MAX};
+    std::atomic<bool> consumerEnded{false};
 };
 
 struct BasicStreamThreadData {
@@ -113,7 +135,7 @@ struct BasicStreamThreadData {
 };
 
 struct StreamThreadData : BasicStreamThreadData {
-    Stream* stage = nullptr;                    // replaced by the source thread on a fallback
+    Stream* stage = nullptr;                    // owned by the Target; replaced by the source thread
     BufferLink* links[2] = {nullptr, nullptr};  // 0: input (or a source's output); 1: a middle stage's output
     uint32_t linkCount = 0;
     wchar_t stageName[kStageNameLength] = {};
@@ -154,6 +176,20 @@ public:
     virtual uint32_t startGate() = 0;       // 0 undecided, 1 go, 2 cancelled
     virtual Stream* currentSource() = 0;
     virtual Stream* currentSink() = 0;
+
+    // Progress of the source: the position reached in the current block, and whole blocks done.
+    virtual void setBlockDownloadedSize(uint64_t size) = 0;
+    virtual void addTotalDownloadedSize(int64_t delta) = 0;
+    // Checks the request's current URL against the trusted hosts and the server (0: valid).
+    virtual uint32_t validateUrl() = 0;
+    // Hands a nonzero validation result to the job; false when the job cannot go on with it.
+    virtual bool acceptValidation(uint32_t result) = 0;
+    // The URL the source is to open for the current block (re-read after a block change or fallback).
+    virtual const wchar_t* sourceUrl() = 0;
+    // True once after something asked the source to retry at once; reading clears it.
+    virtual bool takeInterruption() = 0;
+    // The source gives up content delivery and goes on over plain HTTP.
+    virtual void fallBackToHttp() = 0;
 
 protected:
     ~PipelineJob() = default;
