@@ -54,7 +54,7 @@ constexpr uint32_t Folder = 0x28000005;        // a folder could not be created
 constexpr uint32_t ShortWrite = 0x28000006;    // file data could not be written completely
 constexpr uint32_t BadHeader = 0x28000007;     // a block that should be a header is not one: not a tar stream
 constexpr uint32_t Truncated = 0x28000008;     // the stream ended inside an entry
-constexpr uint32_t NameConversion = 0x28000011; // a name or link name is not valid UTF-8 or too long
+constexpr uint32_t NameConversion = 0x28000011; // a name or link name could not be converted from UTF-8
 } // namespace tarerror
 
 // Status message numbers carried by events of kinds 2 and 6; texts via messageText().
