@@ -39,7 +39,7 @@ bool TARStreamUnpackImp::setDestinationFolder(const wchar_t* folder)
     return true;
 }
 
-bool TARStreamUnpackImp::finish() { return owner_.finishArchive(); }
+bool TARStreamUnpackImp::finish() { return owner_.endOfInput(); }
 
 uint64_t TARStreamUnpackImp::saveState(StreamStateHeader* out, uint64_t* capacity)
 {

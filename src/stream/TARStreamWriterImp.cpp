@@ -81,6 +81,21 @@ size_t textLength(const std::string& text)
     return static_cast<size_t>(std::find(text.begin(), text.end(), '\0') - text.begin());
 }
 
+bool finalPath(const std::wstring& path, std::wstring& out)
+{
+    qv::UniqueFile handle(CreateFileW(path.c_str(), 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                      OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (!handle)
+        return false;
+    std::wstring buffer(qv::kMaxLongPath, L'\0');
+    const DWORD n = GetFinalPathNameByHandleW(handle.get(), buffer.data(), static_cast<DWORD>(buffer.size()),
+                                              FILE_NAME_NORMALIZED);
+    if (n == 0 || n >= buffer.size())
+        return false;
+    out.assign(buffer.data(), n);
+    return true;
+}
+
 bool widen(const char* text, size_t length, std::wstring& out)
 {
     out.clear();
@@ -327,7 +342,7 @@ void TARStreamWriterImp::clearEntry()
     filePath_.clear();
 }
 
-bool TARStreamWriterImp::entryName(std::wstring& relative, uint32_t refusedCode)
+bool TARStreamWriterImp::entryName(std::wstring& relative, uint32_t refusedCode, bool* folderLike)
 {
     std::wstring name;
     if (!longName_.empty()) {
@@ -346,6 +361,8 @@ bool TARStreamWriterImp::entryName(std::wstring& relative, uint32_t refusedCode)
         if (!widen(raw.data(), raw.size(), name))
             return fail(tarerror::NameConversion);
     }
+    if (folderLike)
+        *folderLike = !name.empty() && (name.back() == L'/' || name.back() == L'\\');
     if (!relativeEntryPath(name, relative))
         return fail(refusedCode);
     return true;
@@ -393,17 +410,43 @@ bool TARStreamWriterImp::passesThroughLink(const std::wstring& relative, bool in
         if (!qv::toLongPath(path))
             return true;
         const DWORD attributes = GetFileAttributesW(path.c_str());
-        if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT))
+        if (attributes == INVALID_FILE_ATTRIBUTES)
+            continue;
+        if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) || (cut == std::wstring::npos && isRedirected(path)))
             return true;
     }
     return false;
 }
 
+bool TARStreamWriterImp::isRedirected(const std::wstring& path)
+{
+    const size_t cut = path.find_last_of(L'\\');
+    if (cut == std::wstring::npos || cut + 1 == path.size())
+        return false;
+    std::wstring parent = path.substr(0, cut);
+    if (parent.back() == L':')
+        parent += L'\\';
+    std::wstring own;
+    std::wstring folder;
+    if (!finalPath(path, own) || !finalPath(parent, folder))
+        return false;
+    if (folder.back() != L'\\')
+        folder += L'\\';
+    folder.append(path, cut + 1, std::wstring::npos);
+    return own.size() != folder.size() ||
+           CompareStringOrdinal(own.data(), static_cast<int>(own.size()), folder.data(), static_cast<int>(folder.size()),
+                                TRUE) != CSTR_EQUAL;
+}
+
 bool TARStreamWriterImp::beginRegularFile()
 {
     std::wstring relative;
-    if (!entryName(relative, tarerror::FileOpen))
+    bool folderLike = false;
+    if (!entryName(relative, tarerror::FileOpen, &folderLike))
         return false;
+    // Old writers stored folders as regular entries whose name ends with a separator.
+    if (folderLike && entrySize_ == 0)
+        return makeFolder();
     if (relative.empty() || !staysInside(relative, false) || passesThroughLink(relative, false))
         return fail(tarerror::FileOpen);
     std::wstring path;
@@ -412,15 +455,11 @@ bool TARStreamWriterImp::beginRegularFile()
 
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes != INVALID_FILE_ATTRIBUTES) {
-        if (attributes & FILE_ATTRIBUTE_REPARSE_POINT) {
-            // A link made earlier under this name is replaced, never written through.
-            if (attributes & FILE_ATTRIBUTE_DIRECTORY)
-                RemoveDirectoryW(path.c_str());
-            else
-                DeleteFileW(path.c_str());
-        } else if (attributes & FILE_ATTRIBUTE_READONLY) {
+        // Never written through, nor deleted: some systems delete a link's target instead of the link.
+        if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) || isRedirected(path))
+            return fail(tarerror::FileOpen);
+        if (attributes & FILE_ATTRIBUTE_READONLY)
             SetFileAttributesW(path.c_str(), attributes ^ FILE_ATTRIBUTE_READONLY);
-        }
     }
     FILE* file = _wfsopen(path.c_str(), L"wbc+", _SH_DENYNO);
     if (!file)
@@ -533,7 +572,7 @@ bool TARStreamWriterImp::makeFolder()
     return true;
 }
 
-bool TARStreamWriterImp::finishArchive()
+bool TARStreamWriterImp::endOfInput()
 {
     if (failed_)
         return false;
@@ -693,7 +732,7 @@ bool TARStreamWriterImp::reopenFile(const std::wstring& relative, int64_t length
         return false;
     WIN32_FILE_ATTRIBUTE_DATA data;
     if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||
-        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)))
+        (data.dwFileAttributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT)) || isRedirected(path))
         return false;
     const int64_t onDisk = static_cast<int64_t>((static_cast<uint64_t>(data.nFileSizeHigh) << 32) | data.nFileSizeLow);
     if (onDisk < length)

@@ -20,9 +20,8 @@ public:
     uint64_t saveState(StreamStateHeader* out, uint64_t* capacity) override;
     StreamUnpack* unpacker() override { return &unpack_; }
     int64_t writeBytes(const uint8_t* data, uint32_t count) override;
-
     // The stream has ended: true when it ended at an entry boundary of a tar archive.
-    bool finishArchive();
+    bool endOfInput() override;
 
 private:
     // What the next block of the stream is.
@@ -49,8 +48,9 @@ private:
     bool fail(uint32_t code);
 
     // The current entry's name (long name, or the header's with a ustar prefix) relative to the
-    // destination; on refusal lastStatus holds refusedCode (or the conversion error).
-    bool entryName(std::wstring& relative, uint32_t refusedCode);
+    // destination; on refusal lastStatus holds refusedCode (or the conversion error). folderLike
+    // tells whether the name ends with a separator.
+    bool entryName(std::wstring& relative, uint32_t refusedCode, bool* folderLike = nullptr);
     // The current entry's link target as written in the archive.
     bool entryLinkText(std::wstring& text);
     // Whether destination + relative stays inside the destination once made full and canonical.
@@ -58,6 +58,9 @@ private:
     // Whether an existing component of destination + relative is a link or junction (only the
     // folders above it unless includeLast).
     bool passesThroughLink(const std::wstring& relative, bool includeLast) const;
+    // Whether an existing path leads elsewhere than where it stands (a link, whether or not the file
+    // system shows it as a reparse point).
+    static bool isRedirected(const std::wstring& path);
     bool reopenFile(const std::wstring& relative, int64_t length);
 
     TARStreamUnpackImp unpack_;

@@ -295,3 +295,33 @@ TEST(TarArchive, GarbageInsteadOfTarFailsWithTheStagesCode)
     EXPECT_EQ(sink.lastStatus(), tarerror::BadHeader);
     EXPECT_TRUE(tartest::readTree(dest.path()).empty());
 }
+
+TEST(TarArchive, NothingGoesThroughALinkMadeEarlier)
+{
+    std::stringstream in(fixtureFile("linked.manifest"));
+    std::string line;
+    size_t cases = 0;
+    while (std::getline(in, line)) {
+        const auto f = splitTabs(line);
+        ASSERT_EQ(f.size(), 3u) << line;
+        SCOPED_TRACE(f[0] + ": " + f[2]);
+        ++cases;
+        const uint32_t code = static_cast<uint32_t>(std::stoul(f[1], nullptr, 16));
+        const std::wstring folder = fixtureFolder() + L"\\linked\\" + qvtest::widen(f[0]);
+        const std::wstring dest = folder + L"\\dest";
+        // Wine shows a link to a folder as a reparse point, a link to a file as a plain file.
+        ASSERT_NE(GetFileAttributesW((dest + L"\\s").c_str()), INVALID_FILE_ATTRIBUTES) << "fixture missing";
+        std::string archive;
+        ASSERT_TRUE(qvtest::readFile(folder + L"\\archive.tar", archive));
+
+        TARStreamWriterImp sink(dest.c_str());
+        tartest::LinkRecorder links;
+        const bool fed = tartest::feed(sink, archive, 512);
+        EXPECT_FALSE(fed);
+        EXPECT_EQ(sink.lastStatus(), code);
+        const auto outside = tartest::readTree(folder + L"\\outside");
+        ASSERT_EQ(outside.size(), 1u) << "something was written into the linked folder";
+        EXPECT_EQ(outside.begin()->second.content, "bait\n");
+    }
+    EXPECT_EQ(cases, 5u);
+}

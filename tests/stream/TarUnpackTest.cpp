@@ -353,6 +353,33 @@ TEST_F(TarUnpack, AStreamEndingInsideAnEntryIsTruncated)
     EXPECT_TRUE(whole.unpacker()->finish()) << "an archive ending at an entry boundary is complete";
 }
 
+TEST_F(TarUnpack, TheEndOfInputIsCheckedLikeTheUnpackersFinish)
+{
+    const std::string archive = TarBuilder().file("a.txt", qvtest::patternBytes(2000, 1)).bytes();
+    ASSERT_TRUE(write(archive.substr(0, 1000)));
+    EXPECT_FALSE(sink_->endOfInput());
+    EXPECT_EQ(sink_->lastStatus(), tarerror::Truncated);
+
+    TARStreamWriterImp whole(dest_.c_str());
+    ASSERT_TRUE(tartest::feed(whole, archive, 700));
+    EXPECT_TRUE(whole.endOfInput());
+    EXPECT_EQ(whole.lastStatus(), 0u);
+}
+
+TEST_F(TarUnpack, TrailingBytesAfterTheEndMarkerAreLeftAlone)
+{
+    const std::string archive = TarBuilder().file("a.txt", "a").bytes() + "trailing";
+    EXPECT_TRUE(extract(archive));
+    EXPECT_EQ(contentOf("a.txt"), "a");
+}
+
+TEST_F(TarUnpack, ARegularEntryNamedLikeAFolderIsAFolder)
+{
+    ASSERT_TRUE(extract(TarBuilder().file("old-folder/", "").file("old-folder/in.txt", "in").bytes()));
+    EXPECT_TRUE(tartest::readTree(dest_).at("old-folder").folder);
+    EXPECT_EQ(contentOf("old-folder/in.txt"), "in");
+}
+
 TEST_F(TarUnpack, AStreamEndingAfterALongNameIsTruncated)
 {
     const std::string archive = TarBuilder().longText('L', std::string(300, 'n')).bytes(false);

@@ -9,6 +9,9 @@
                             S <path> <link target as stored>
   hostile/NN.tar          archives that try to write outside the destination
   hostile.manifest        <file> <expected stage code, hex> <what it tries>
+  linked/<case>/          a destination holding a link "s" to a sibling folder or file outside, and
+                          archive.tar, which makes a link of its own and then tries to go through "s"
+  linked.manifest         <case> <expected stage code, hex; 0 for success> <what it tries>
 
 Every path is relative, "/"-separated, UTF-8.
 """
@@ -184,6 +187,37 @@ def hostile_corpus(out):
         fh.write("\n".join(lines) + "\n")
 
 
+def linked_corpus(out):
+    # Links that an archive made before are on disk when later entries come; the test system cannot
+    # make them itself, so the folders arrive here with a link "s" in place.
+    evil = b"must never land outside\n"
+    made_before = member("t", tarfile.SYMTYPE, link="inner")
+    cases = [
+        ("through", "../outside", [made_before, member("s/evil.txt", data=evil)], FILE_OPEN,
+         "file through a link"),
+        ("overwrite", "../outside/target.txt", [made_before, member("s", data=b"fresh\n")], FILE_OPEN,
+         "file over a link to a file"),
+        ("hardlink", "../outside/target.txt", [made_before, member("h", tarfile.LNKTYPE, link="s")], HARD_LINK,
+         "hard link to a link"),
+        ("symlink", "../outside", [made_before, member("s/x", tarfile.SYMTYPE, link="y")], SYMBOLIC_LINK,
+         "link inside a linked folder"),
+        ("folder", "../outside", [made_before, member("s/sub", tarfile.DIRTYPE)], FOLDER,
+         "folder inside a linked folder"),
+    ]
+    lines = []
+    for name, target, members, code, what in cases:
+        case = os.path.join(out, "linked", name)
+        os.makedirs(os.path.join(case, "dest"))
+        os.makedirs(os.path.join(case, "outside"))
+        with open(os.path.join(case, "outside", "target.txt"), "wb") as fh:
+            fh.write(b"bait\n")
+        os.symlink(target, os.path.join(case, "dest", "s"))
+        hostile_archive(os.path.join(case, "archive.tar"), members)
+        lines.append("%s\t%08x\t%s" % (name, code, what))
+    with open(os.path.join(out, "linked.manifest"), "w", encoding="utf-8", newline="\n") as fh:
+        fh.write("\n".join(lines) + "\n")
+
+
 def main():
     out = sys.argv[1]
     if os.path.isdir(out):
@@ -196,6 +230,7 @@ def main():
         pack(root, os.path.join(out, fmt + ".tar"), fmt)
         manifest(root, os.path.join(out, fmt + ".manifest"))
     hostile_corpus(out)
+    linked_corpus(out)
     return 0
 
 
