@@ -201,6 +201,9 @@ bool TARStreamWriterImp::processBlocks(const uint8_t* data, size_t blocks)
             data += kBlockSize;
             --blocks;
             break;
+        case Phase::Trailing:
+            blocks = 0;
+            break;
         }
     }
     return true;
@@ -266,11 +269,15 @@ bool TARStreamWriterImp::headerStep(const uint8_t* block)
         }
         return true;
     }
-    if (!checksumAcceptable(block))
-        return fail(tarerror::BadHeader);
     const int64_t size = headerNumber(block + kSizeOffset);
-    if (size < 0)
-        return fail(tarerror::BadHeader);
+    if (!checksumAcceptable(block) || size < 0) {
+        // Past the end-of-archive blocks, what is not a header is whatever the package appended
+        // (a signature, say); before them it means the stream is not tar.
+        if (!sawEndMarker_)
+            return fail(tarerror::BadHeader);
+        phase_ = Phase::Trailing;
+        return true;
+    }
 
     sawArchive_ = true;
     clearEntry();
@@ -577,7 +584,8 @@ bool TARStreamWriterImp::endOfInput()
     if (failed_)
         return false;
     const bool danglingPart = partialCount_ != 0 && !sawEndMarker_;
-    if (phase_ != Phase::Header || danglingPart || !longName_.empty() || !longLink_.empty())
+    const bool betweenEntries = phase_ == Phase::Header || phase_ == Phase::Trailing;
+    if (!betweenEntries || danglingPart || !longName_.empty() || !longLink_.empty())
         return fail(tarerror::Truncated);
     if (receivedAny_ && !sawArchive_)
         return fail(tarerror::BadHeader);
@@ -657,7 +665,7 @@ bool TARStreamWriterImp::restoreState(const StreamStateHeader* record)
     r.u32(linkBytes);
     r.u32(relativeUnits);
     r.u32(unpackSize);
-    if (tag != kSinkRecordTag || phase > static_cast<uint32_t>(Phase::LongLink) || partial >= kBlockSize)
+    if (tag != kSinkRecordTag || phase > static_cast<uint32_t>(Phase::Trailing) || partial >= kBlockSize)
         return false;
     if (entrySize < 0 || entryBlocks != blocksFor(entrySize) || blocksWritten < 0 || blocksWritten > entryBlocks ||
         fileBytes < 0 || fileBytes > entrySize || time < 0 || time > kLastFileTimeSecond || nameLeft < 0 ||

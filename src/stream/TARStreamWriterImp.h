@@ -31,6 +31,7 @@ private:
         SkipData = 2, // data of an entry that is not extracted
         LongName = 3, // the text of a GNU long name
         LongLink = 4, // the text of a GNU long link target
+        Trailing = 5, // bytes after the end of the archive
     };
 
     bool processBlocks(const uint8_t* data, size_t blocks);

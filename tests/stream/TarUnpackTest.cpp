@@ -377,11 +377,25 @@ TEST_F(TarUnpack, TheEndOfInputIsCheckedLikeTheUnpackersFinish)
     EXPECT_EQ(whole.lastStatus(), 0u);
 }
 
-TEST_F(TarUnpack, TrailingBytesAfterTheEndMarkerAreLeftAlone)
+TEST_F(TarUnpack, APartialBlockAfterTheEndMarkerIsLeftAlone)
 {
     const std::string archive = TarBuilder().file("a.txt", "a").bytes() + "trailing";
     EXPECT_TRUE(extract(archive));
     EXPECT_EQ(contentOf("a.txt"), "a");
+}
+
+TEST_F(TarUnpack, WhatFollowsTheEndMarkerIsReadOnWhileItHoldsHeaders)
+{
+    // Concatenated archives go on after the first end marker; anything else appended is left alone.
+    std::string appended = qvtest::patternBytes(4096, 77);
+    appended[156] = '0'; // would be a regular file if it were taken as a header
+    const std::string archive = TarBuilder().file("a.txt", "a").bytes() + TarBuilder().file("b.txt", "b").bytes() +
+                                appended + TarBuilder().file("c.txt", "c").bytes();
+    ASSERT_TRUE(extract(archive)) << std::hex << sink_->lastStatus();
+    EXPECT_EQ(contentOf("a.txt"), "a");
+    EXPECT_EQ(contentOf("b.txt"), "b");
+    EXPECT_FALSE(qvtest::fileExists(at("c.txt")));
+    EXPECT_EQ(tartest::readTree(dest_).size(), 2u);
 }
 
 TEST_F(TarUnpack, ARegularEntryNamedLikeAFolderIsAFolder)
