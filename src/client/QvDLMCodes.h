@@ -44,6 +44,19 @@ constexpr uint32_t HttpErrorBase = 0x26000000;
 constexpr uint32_t TarErrorBase = 0x28000000;
 constexpr uint32_t ErrorCodeMask = 0x0F000000;
 
+// Errors of the tar stage, left in its last status (the download's stream error). An entry that would
+// land outside the destination folder is refused with the code of its kind.
+namespace tarerror {
+constexpr uint32_t FileOpen = 0x28000002;      // a file's path could not be prepared or the file opened
+constexpr uint32_t HardLink = 0x28000003;      // a hard link could not be made
+constexpr uint32_t SymbolicLink = 0x28000004;  // a symbolic link could not be made
+constexpr uint32_t Folder = 0x28000005;        // a folder could not be created
+constexpr uint32_t ShortWrite = 0x28000006;    // file data could not be written completely
+constexpr uint32_t BadHeader = 0x28000007;     // a block that should be a header is not one: not a tar stream
+constexpr uint32_t Truncated = 0x28000008;     // the stream ended inside an entry
+constexpr uint32_t NameConversion = 0x28000011; // a name or link name could not be converted from UTF-8
+} // namespace tarerror
+
 // Status message numbers carried by events of kinds 2 and 6; texts via messageText().
 namespace msg {
 constexpr uint32_t OpenFailure = 1000;

@@ -3,7 +3,9 @@
 
 #include <windows.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <utility>
 
 namespace qv {
@@ -98,6 +100,12 @@ template <typename T>
 struct CrtFree {
     void operator()(T* p) const noexcept { std::free(p); }
 };
+
+// A C runtime stream, closed with fclose().
+struct CrtFileClose {
+    void operator()(FILE* f) const noexcept { std::fclose(f); }
+};
+using UniqueCrtFile = std::unique_ptr<FILE, CrtFileClose>;
 
 // A block from the process heap.
 class HeapBlock {

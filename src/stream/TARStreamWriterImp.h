@@ -1,0 +1,95 @@
+// Sink of a packaged download: extracts the tar stream that reaches it, in chunks of any size,
+// entry by entry into the destination folder, holding at most one 512-byte block of it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "common/Win32Raii.h"
+#include "stream/Stream.h"
+#include "stream/TARStreamUnpackImp.h"
+#include "stream/TarHeaderBlock.h"
+
+class TARStreamWriterImp final : public StreamWriter {
+public:
+    explicit TARStreamWriterImp(const wchar_t* destinationFolder = nullptr);
+    ~TARStreamWriterImp() override;
+
+    void close() override;
+    bool restoreState(const StreamStateHeader* record) override;
+    uint64_t saveState(StreamStateHeader* out, uint64_t* capacity) override;
+    StreamUnpack* unpacker() override { return &unpack_; }
+    int64_t writeBytes(const uint8_t* data, uint32_t count) override;
+    // The stream has ended: true when it ended at an entry boundary of a tar archive.
+    bool endOfInput() override;
+
+private:
+    // What the next block of the stream is.
+    enum class Phase : uint32_t {
+        Header = 0,   // a header (or padding)
+        FileData = 1, // data of the open regular file
+        SkipData = 2, // data of an entry that is not extracted
+        LongName = 3, // the text of a GNU long name
+        LongLink = 4, // the text of a GNU long link target
+        Trailing = 5, // bytes after the end of the archive
+    };
+
+    bool processBlocks(const uint8_t* data, size_t blocks);
+    size_t writeFileData(const uint8_t* data, size_t blocks);
+    void collectLongText(const uint8_t* block);
+    bool headerStep(const uint8_t* block);
+    bool beginEntry(uint8_t type);
+    bool beginRegularFile();
+    bool makeHardLink();
+    bool makeSymbolicLink();
+    bool makeFolder();
+    void finishEntry();
+    void startSkipping();
+    void clearEntry();
+    bool fail(uint32_t code);
+
+    // The current entry's name (long name, or the header's with a ustar prefix) relative to the
+    // destination; on refusal lastStatus holds refusedCode (or the conversion error). folderLike
+    // tells whether the name ends with a separator.
+    bool entryName(std::wstring& relative, uint32_t refusedCode, bool* folderLike = nullptr);
+    // The current entry's link target as written in the archive.
+    bool entryLinkText(std::wstring& text);
+    // Whether destination + relative stays inside the destination once made full and canonical.
+    bool staysInside(const std::wstring& relative, bool allowSelf) const;
+    // Whether an existing component of destination + relative is a link or junction (only the
+    // folders above it unless includeLast).
+    bool passesThroughLink(const std::wstring& relative, bool includeLast) const;
+    // Whether an existing path leads elsewhere than where it stands (a link, whether or not the file
+    // system shows it as a reparse point).
+    static bool isRedirected(const std::wstring& path);
+    bool reopenFile(const std::wstring& relative, int64_t length);
+
+    TARStreamUnpackImp unpack_;
+
+    uint32_t partialCount_ = 0;
+    uint8_t partialBlock_[qv::tar::kBlockSize] = {};
+    uint8_t header_[qv::tar::kBlockSize] = {};
+    Phase phase_ = Phase::Header;
+
+    // GNU long name and long link target: the raw UTF-8 text as collected, and what is still to come.
+    std::string longName_;
+    int64_t longNameLeft_ = 0;
+    std::string longLink_;
+    int64_t longLinkLeft_ = 0;
+
+    int64_t blocksWritten_ = 0; // data blocks of the current entry consumed so far
+    int64_t entrySize_ = 0;
+    int64_t entryBlocks_ = 0;
+    int64_t fileBytes_ = 0;     // bytes written to the open file
+    int64_t modificationTime_ = 0;
+    uint32_t mode_ = 0;
+    qv::UniqueCrtFile file_;
+    std::wstring fileRelative_; // the open file, relative to the destination (for checkpoints)
+    std::wstring filePath_;     // the open file as opened
+
+    bool failed_ = false;      // a failure stops the stream for good
+    bool receivedAny_ = false; // some bytes reached the sink
+    bool sawArchive_ = false;  // a header or end-of-archive block was recognised
+    bool sawEndMarker_ = false; // an end-of-archive block was met
+    bool linksMade_ = false;   // a symbolic link was made: later paths are checked for links
+};
