@@ -80,7 +80,10 @@ void LinkProducer::finish()
         return;
     finished_ = true;
     link_->producerEnd.store(counter_);
-    slot().filled.signal();
+    // The consumer may wait on either slot (it may not even have started); every wake after this
+    // finds the end.
+    link_->slots[0]->filled.signal();
+    link_->slots[1]->filled.signal();
 }
 
 void LinkConsumer::start() { link_->slots[1]->emptied.signal(); }
@@ -108,7 +111,10 @@ void LinkConsumer::finish()
         return;
     finished_ = true;
     link_->consumerEnded.store(true);
-    slot().emptied.signal();
+    // The producer may wait on either slot: one whose start signal never came (a consumer that
+    // failed to prepare) included. Every wake after this finds the end.
+    link_->slots[0]->emptied.signal();
+    link_->slots[1]->emptied.signal();
 }
 
 } // namespace qv

@@ -437,3 +437,22 @@ TEST(HandOff, ConsumerFarewellWakesAWaitingProducer)
     EXPECT_EQ(waitCode(SlotWait::Closed), code & 0xFFu);
     EXPECT_LE(code >> 8, 3u); // at most what fitted before the farewell
 }
+
+TEST(HandOff, ConsumerThatNeverStartedStillReleasesTheProducer)
+{
+    LinkFixture f;
+    StageThread producer([&] {
+        qv::ensureMessageQueue();
+        LinkProducer out(f.link);
+        out.start();
+        if (out.acquire() != SlotWait::Ready)
+            return 0xBADu;
+        out.publish();
+        // Slot 1 is freed only by a consumer's start, which never comes.
+        return waitCode(out.acquire());
+    });
+    EXPECT_FALSE(producer.finished(100));
+    LinkConsumer in(f.link);
+    in.finish(); // a consumer that failed before its start
+    EXPECT_EQ(waitCode(SlotWait::Closed), producer.join());
+}
