@@ -4,10 +4,12 @@
 
 #include <algorithm>
 #include <cwchar>
+#include <new>
 
 #include "DownloadRequest.h"
 #include "QvDLMCodes.h"
 #include "log/EventPublisherImpl.h"
+#include "stream/HTTPStreamImp.h"
 #include "stream/StreamLink.h"
 
 namespace {
@@ -379,13 +381,32 @@ void ReaderThread::runRetryCycle()
         endOnStop();
 }
 
-class HttpReaderServicesPending final : public ReaderServices {
+class HttpReaderServices final : public ReaderServices {
 public:
-    StreamReader* createSource(const wchar_t*, uint32_t, int64_t) override { return nullptr; }
-    bool reconnect(Stream*) override { return false; }
-    void setTimeouts(Stream*, uint32_t) override {}
-    int64_t position(Stream*) override { return 0; }
-    uint32_t dataStart(Stream*) override { return 0; }
+    StreamReader* createSource(const wchar_t* url, uint32_t dataStart, int64_t position) override
+    {
+        return new (std::nothrow) HTTPStreamImp(url, dataStart, position);
+    }
+    bool reconnect(Stream* source) override
+    {
+        auto* http = dynamic_cast<HTTPStream*>(source);
+        return http && http->reconnect() != nullptr;
+    }
+    void setTimeouts(Stream* source, uint32_t milliseconds) override
+    {
+        if (auto* http = dynamic_cast<HTTPStream*>(source))
+            http->setTimeouts(milliseconds);
+    }
+    int64_t position(Stream* source) override
+    {
+        auto* http = dynamic_cast<HTTPStream*>(source);
+        return http ? http->position() : 0;
+    }
+    uint32_t dataStart(Stream* source) override
+    {
+        auto* http = dynamic_cast<HTTPStream*>(source);
+        return http ? http->dataStart() : 0;
+    }
     void sleep(uint32_t milliseconds) override { Sleep(milliseconds); }
 };
 
@@ -393,7 +414,7 @@ public:
 
 ReaderServices& httpReaderServices()
 {
-    static HttpReaderServicesPending services;
+    static HttpReaderServices services;
     return services;
 }
 
