@@ -24,6 +24,15 @@ constexpr DWORD kProxyAuthRequired = 407;
 // that keeps demanding resends must not hold the caller forever.
 constexpr unsigned kMaxRounds = 64;
 
+// Asks for the root of the host, not the URL's path: only the proxy's answer matters.
+bool OpenHeadRequest(ProxyProbe& probe, bool secure)
+{
+    probe.secure = secure;
+    probe.request.reset(WinHttpOpenRequest(probe.connection.get(), L"HEAD", nullptr, nullptr, WINHTTP_NO_REFERER,
+                                           WINHTTP_DEFAULT_ACCEPT_TYPES, secure ? WINHTTP_FLAG_SECURE : 0));
+    return probe.request.valid();
+}
+
 bool SetAutoLogonPolicy(HINTERNET request, DWORD policy)
 {
     return WinHttpSetOption(request, WINHTTP_OPTION_AUTOLOGON_POLICY, &policy, sizeof policy) != FALSE;
@@ -89,9 +98,7 @@ bool ProxyManagerImplWin::OpenRequest(ProxyProbe& probe)
         return false;
     }
 
-    probe.request.reset(WinHttpOpenRequest(probe.connection.get(), L"HEAD", nullptr, nullptr, WINHTTP_NO_REFERER,
-                                           WINHTTP_DEFAULT_ACCEPT_TYPES, secure ? WINHTTP_FLAG_SECURE : 0));
-    if (!probe.request) {
+    if (!OpenHeadRequest(probe, secure)) {
         ProxyLogger::LogApiFailure("WinHttpOpenRequest");
         probe.connection.reset();
         probe.session.reset();
@@ -243,6 +250,15 @@ PMStatus ProxyManagerImplWin::CheckAuthenticatingProxy(bool silentMode)
         // Only the caller's own credentials are kept for next time.
         storeOnSuccess = false;
         storeConsulted = true;
+
+        // WinHTTP may offer Basic credentials only once per request (Wine does): new credentials go
+        // out on a fresh request over the same connection.
+        if (!OpenHeadRequest(probe, probe.secure)) {
+            ProxyLogger::LogApiFailure("WinHttpOpenRequest");
+            break;
+        }
+        if (!SetAutoLogonPolicy(probe.request.get(), WINHTTP_AUTOLOGON_SECURITY_LEVEL_MEDIUM))
+            ProxyLogger::LogApiFailure("WinHttpSetOption");
     }
     if (round == kMaxRounds)
         Log(LOG_ERROR, "Proxy server kept refusing after %u attempts.", kMaxRounds);

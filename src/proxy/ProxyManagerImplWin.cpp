@@ -98,8 +98,10 @@ PMStatus ProxyManagerImplWin::GetProxyInfo(UserData* in, ProxyInfo* out)
 
     Log(LOG_DEBUG, "No VALID proxy servers detected.");
     // A proxy named by an earlier silent-mode refusal stays only when the last candidate said the same.
-    if (status != PM_STATUS_SILENT_MODE_ERROR)
+    if (status != PM_STATUS_SILENT_MODE_ERROR) {
         ReleaseStrings(out);
+        out->authScheme = PROXY_AUTH_NONE;
+    }
     return Report(status, out);
 }
 

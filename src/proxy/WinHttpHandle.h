@@ -30,6 +30,7 @@ struct ProxyProbe {
     UniqueWinHttp session;
     UniqueWinHttp connection;
     UniqueWinHttp request;
+    bool secure = false; // HTTPS: the request goes through a tunnel
 
     ProxyProbe() = default;
     ~ProxyProbe()
