@@ -22,7 +22,7 @@ void Log(int level, const char* format, ...)
 constexpr DWORD kProxyAuthRequired = 407;
 // Each round either needs a new answer from the user or follows a resend demand of WinHTTP; a proxy
 // that keeps demanding resends must not hold the caller forever.
-constexpr unsigned kMaxRounds = 64;
+constexpr unsigned kMaxRounds = 20;
 
 // Asks for the root of the host, not the URL's path: only the proxy's answer matters.
 bool OpenHeadRequest(ProxyProbe& probe, bool secure)

@@ -234,6 +234,24 @@ TEST_F(ProxyLookupTest, RejectedStoredCredentialsInSilentModeGive6)
     EXPECT_EQ(storedPassword(), L"alice/stale");
 }
 
+bool runningUnderWine()
+{
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    return ntdll && GetProcAddress(ntdll, "wine_get_version");
+}
+
+// Wine's credential dialog hands back the stored entry without asking, so a proxy that rejects it
+// would be asked forever; the lookup gives up after a bounded number of rounds instead.
+TEST_F(ProxyLookupTest, EndlesslyRejectedCredentialsEndInAnError)
+{
+    if (!runningUnderWine())
+        GTEST_SKIP() << "needs Wine's credential dialog, which answers from the store without a window";
+    ASSERT_TRUE(writeCredential(L"127.0.0.1", L"alice", L"stale"));
+    ASSERT_TRUE(ie_.apply(kManualProxy, proxyAt(kBasicProxy)));
+    EXPECT_EQ(lookup(kHttpUrl, nullptr, nullptr, false), PM_STATUS_ERROR);
+    expectEmptyRecord();
+}
+
 TEST_F(ProxyLookupTest, CredentialsForAnOpenProxyAreKeptAsGiven)
 {
     ASSERT_TRUE(ie_.apply(kManualProxy, proxyAt(kOpenProxy)));

@@ -3,7 +3,7 @@
 forward every request to that origin (never anywhere else), each with its own authentication demand.
 
 Ports, counted from the base port given on the command line:
-  +1  proxy demanding Basic credentials (user and password below)
+  +1  proxy demanding Basic credentials (user, optionally with domain CORP, and password below)
   +2  origin: "/pac/<spec>" answers a PAC script returning "<spec>"; every other path a small page
   +3  proxy without authentication
   +4  proxy that always answers 407 offering Negotiate and NTLM
@@ -19,7 +19,9 @@ import urllib.parse
 
 USER = "alice"
 PASSWORD = "S3cret-pw"
-EXPECTED = "Basic " + base64.b64encode(f"{USER}:{PASSWORD}".encode()).decode()
+# The user may also be given with a domain, as typed into the credential dialog.
+ACCEPTED = {"Basic " + base64.b64encode(f"{user}:{PASSWORD}".encode()).decode()
+            for user in (USER, "CORP\\" + USER)}
 
 
 class Origin(http.server.BaseHTTPRequestHandler):
@@ -114,13 +116,18 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
     daemon_threads = True
     allow_reuse_address = True
 
+    def server_bind(self):
+        # HTTPServer would look its own name up; loopback needs no name service.
+        socketserver.TCPServer.server_bind(self)
+        self.server_name, self.server_port = self.server_address[:2]
+
 
 def main():
     base = int(sys.argv[1])
     origin = base + 2
     basic = ['Basic realm="qvdlm-test"']
     servers = [
-        Server(("127.0.0.1", base + 1), make_proxy(origin, basic, lambda h: h == EXPECTED)),
+        Server(("127.0.0.1", base + 1), make_proxy(origin, basic, lambda h: h in ACCEPTED)),
         Server(("127.0.0.1", origin), Origin),
         Server(("127.0.0.1", base + 3), make_proxy(origin, [], lambda h: True)),
         Server(("127.0.0.1", base + 4), make_proxy(origin, ["Negotiate", "NTLM"], lambda h: False)),
@@ -130,7 +137,7 @@ def main():
     threads = [threading.Thread(target=s.serve_forever, daemon=True) for s in servers]
     for t in threads:
         t.start()
-    print("ready", flush=True)
+    print("proxy servers listening", flush=True)
     threading.Event().wait()
 
 

@@ -19,7 +19,7 @@ start)
   # Ready when it says so; give up after about ten seconds.
   i=0
   while [ $i -lt 100 ]; do
-    if grep -q ready "$log" 2>/dev/null; then
+    if grep -qx "proxy servers listening" "$log" 2>/dev/null; then
       exit 0
     fi
     if ! kill -0 "$(cat "$pidfile")" 2>/dev/null; then
