@@ -11,12 +11,12 @@
 namespace proxytest {
 
 // Port offsets of the servers started by proxy_servers.py.
-constexpr unsigned kBasicProxy = 1;
-constexpr unsigned kOrigin = 2;
-constexpr unsigned kOpenProxy = 3;
-constexpr unsigned kNtlmProxy = 4;
-constexpr unsigned kDigestProxy = 5;
-constexpr unsigned kClosedPort = 9; // nothing listens there
+constexpr unsigned kBasicProxy = 12;
+constexpr unsigned kOrigin = 13;
+constexpr unsigned kOpenProxy = 14;
+constexpr unsigned kNtlmProxy = 15;
+constexpr unsigned kDigestProxy = 16;
+constexpr unsigned kClosedPort = 17; // nothing listens there
 
 constexpr char kProxyUser[] = "alice";
 constexpr char kProxyPassword[] = "S3cret-pw";

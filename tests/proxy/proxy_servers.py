@@ -2,12 +2,13 @@
 """Loopback servers for the proxy tests: an origin that also serves PAC scripts, and proxies that
 forward every request to that origin (never anywhere else), each with its own authentication demand.
 
-Ports, counted from the base port given on the command line:
-  +1  proxy demanding Basic credentials (user, optionally with domain CORP, and password below)
-  +2  origin: "/pac/<spec>" answers a PAC script returning "<spec>"; every other path a small page
-  +3  proxy without authentication
-  +4  proxy that always answers 407 offering Negotiate and NTLM
-  +5  proxy that always answers 407 offering Digest
+Ports, counted from the test port base given on the command line (the upper part of the range, so
+that other subsystems' servers can start at the base):
+  +12  proxy demanding Basic credentials (user, optionally with domain CORP, and password below)
+  +13  origin: "/pac/<spec>" answers a PAC script returning "<spec>"; every other path a small page
+  +14  proxy without authentication
+  +15  proxy that always answers 407 offering Negotiate and NTLM
+  +16  proxy that always answers 407 offering Digest
 """
 import base64
 import http.client
@@ -124,14 +125,14 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
 def main():
     base = int(sys.argv[1])
-    origin = base + 2
+    origin = base + 13
     basic = ['Basic realm="qvdlm-test"']
     servers = [
-        Server(("127.0.0.1", base + 1), make_proxy(origin, basic, lambda h: h in ACCEPTED)),
+        Server(("127.0.0.1", base + 12), make_proxy(origin, basic, lambda h: h in ACCEPTED)),
         Server(("127.0.0.1", origin), Origin),
-        Server(("127.0.0.1", base + 3), make_proxy(origin, [], lambda h: True)),
-        Server(("127.0.0.1", base + 4), make_proxy(origin, ["Negotiate", "NTLM"], lambda h: False)),
-        Server(("127.0.0.1", base + 5),
+        Server(("127.0.0.1", base + 14), make_proxy(origin, [], lambda h: True)),
+        Server(("127.0.0.1", base + 15), make_proxy(origin, ["Negotiate", "NTLM"], lambda h: False)),
+        Server(("127.0.0.1", base + 16),
                make_proxy(origin, ['Digest realm="qvdlm-test", nonce="abc123", qop="auth"'], lambda h: False)),
     ]
     threads = [threading.Thread(target=s.serve_forever, daemon=True) for s in servers]
