@@ -153,8 +153,8 @@ int wmain(int argc, wchar_t** argv)
     CloseHandle(child.hThread);
     CloseHandle(child.hProcess);
 
-    FILE* out = _wfopen(argv[1], L"wb");
-    if (!out)
+    FILE* out = nullptr;
+    if (_wfopen_s(&out, argv[1], L"wb") != 0 || !out)
         return 1004;
     std::fwrite(captured.data(), 1, captured.size(), out);
     std::fclose(out);
