@@ -8,6 +8,7 @@
 #include "EventPublisher.h"
 #include "EventSubscriber.h"
 #include "Log.h"
+#include "QrvlProxy.h"
 #include "QvDLMCodes.h"
 #include "QvDLMExport.h"
 #include "QvDLMFactory.h"
