@@ -200,8 +200,11 @@ TEST_F(ManagerTest, ResumeOfAPausedDownloadRespectsTheLimit)
     Download* b = manager->addDownload(newRequest(L"b"));
     ASSERT_TRUE(manager->startDownload(a));
     ASSERT_TRUE(waitState(a, state::Play));
+    events.clear();
     manager->control(a, command::Pause);
     ASSERT_TRUE(waitState(a, state::Paused));
+    // The manager lets go of it when it hears of the pause, just after the state has changed.
+    ASSERT_TRUE(waitUntil([&] { return events.hasText(L"Active download counts = 0"); }));
     ASSERT_TRUE(manager->control(b, command::Start));
     ASSERT_TRUE(waitState(b, state::Play));
     EXPECT_FALSE(manager->control(a, command::Resume));
