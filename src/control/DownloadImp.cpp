@@ -546,7 +546,9 @@ Download* DownloadImp::download() { return this; }
 void DownloadImp::checkpoint(const wchar_t* stageName, uint32_t sequence, Stream* stage, bool fromReader,
                              bool fromWriter)
 {
-    saveCheckpoint(stageName, sequenceBase_ + sequence, stage, fromReader, fromWriter);
+    // The stages number their data on from the checkpoint that the run resumed from, so a sequence is
+    // a checkpoint id of its own.
+    saveCheckpoint(stageName, sequence, stage, fromReader, fromWriter);
 }
 
 bool DownloadImp::restoreStage(const wchar_t* stageName, Stream* stage)
@@ -560,6 +562,12 @@ uint32_t DownloadImp::controlThreadId() { return controlThreadId_; }
 uint32_t DownloadImp::startGate() { return gate_; }
 Stream* DownloadImp::currentSource() { return stages_.empty() ? nullptr : stageOf(stages_.front()); }
 Stream* DownloadImp::currentSink() { return stages_.empty() ? nullptr : stageOf(stages_.back()); }
+
+uint32_t DownloadImp::validateUrl() { return env_.validate ? static_cast<uint32_t>(env_.validate(request_)) : 0; }
+bool DownloadImp::acceptValidation(uint32_t result) { return applyValidationResult(result); }
+const wchar_t* DownloadImp::sourceUrl() { return initUrl(); }
+bool DownloadImp::takeInterruption() { return interrupted_.exchange(false); }
+void DownloadImp::fallBackToHttp() { request_->setUseAkamai(false); }
 
 // ---- control thread ----
 
@@ -591,8 +599,7 @@ HANDLE DownloadImp::start()
     restoreProgressRecord();
     {
         qv::CsLock hold(checkpointLock_);
-        sequenceBase_ = request_->getCheckpointId();
-        checkpointId_ = sequenceBase_;
+        checkpointId_ = request_->getCheckpointId();
         checkpointBlock_ = 0;
         lastCheckpointAt_ = getDownloadedSize();
     }
@@ -789,8 +796,10 @@ void DownloadImp::handleCommand(UINT command, WorkerMap& workers)
             changeState(state::Paused);
         break;
     case command::Resume:
-        if (s == state::Pending || s == state::Init || s == state::Paused)
+        if (s == state::Pending || s == state::Init || s == state::Paused) {
+            interrupted_ = true; // a source waiting to retry tries again now
             changeState(state::Play);
+        }
         break;
     case command::AbortDiscard:
     case command::StopKeep:
@@ -800,8 +809,10 @@ void DownloadImp::handleCommand(UINT command, WorkerMap& workers)
         updateRunGate();
         break;
     case command::Reinit:
-        if (s == state::Pending || s == state::Play || s == state::Paused)
+        if (s == state::Pending || s == state::Play || s == state::Paused) {
+            interrupted_ = true;
             changeState(state::Init);
+        }
         break;
     default:
         break;

@@ -76,6 +76,11 @@ public:
     uint32_t startGate() override;
     Stream* currentSource() override;
     Stream* currentSink() override;
+    uint32_t validateUrl();
+    bool acceptValidation(uint32_t result);
+    const wchar_t* sourceUrl();
+    bool takeInterruption();
+    void fallBackToHttp();
 
     // For the manager: true while the control thread of the current run has not ended.
     bool controlThreadAlive();
@@ -130,13 +135,13 @@ private:
     std::atomic<bool> stopFlag_{false};
     std::atomic<uint32_t> gate_{0};
     std::atomic<bool> holdFlag_{false};
+    std::atomic<bool> interrupted_{false}; // the source is to retry at once
 
     // Checkpoint bookkeeping, shared by the stage threads.
     qv::CriticalSection checkpointLock_;
     uint64_t lastCheckpointAt_ = 0;
     uint32_t checkpointBlock_ = 0;
     uint32_t checkpointId_ = 0;
-    uint32_t sequenceBase_ = 0; // checkpoint ids of this run continue after the one it resumed from
     struct ProgressSnapshot {
         int32_t blockId = 0;
         uint64_t blockDownloaded = 0;

@@ -236,7 +236,7 @@ TEST_F(CheckpointTest, ARunResumesTheProgressOfItsCheckpointAndNumbersOnFromIt)
     ASSERT_TRUE(job->waitForControlThread(10000));
 }
 
-TEST_F(CheckpointTest, CheckpointIdsOfAResumedRunFollowTheOneItResumedFrom)
+TEST_F(CheckpointTest, TheFirstCommitOfAResumedRunDeletesTheCheckpointItResumedFrom)
 {
     request->setBlockDownloadedSize(200);
     checkpointAll(12, 120);
@@ -246,9 +246,9 @@ TEST_F(CheckpointTest, CheckpointIdsOfAResumedRunFollowTheOneItResumedFrom)
     PipelineJob* pipeline = job.get();
     request->setBlockDownloadedSize(request->getBlockDownloadedSize() + 1000);
     FakeStage a{L"a", {}}, b{L"b", {}}, c{L"c", {}};
-    pipeline->checkpoint(L"Http", 1, &a, true, false);
-    pipeline->checkpoint(L"Lzma", 1, &b, false, false);
-    pipeline->checkpoint(L"xTar", 1, &c, false, true);
+    pipeline->checkpoint(L"Http", 13, &a, true, false);
+    pipeline->checkpoint(L"Lzma", 13, &b, false, false);
+    pipeline->checkpoint(L"xTar", 13, &c, false, true);
     EXPECT_TRUE(exists(L"00000013_Http.chk"));
     EXPECT_FALSE(exists(L"00000012_Http.chk"));
     EXPECT_EQ(store.record(request->getId()).checkpointId, 13u);
