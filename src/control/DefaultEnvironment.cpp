@@ -1,6 +1,8 @@
 // The one place that names the library's concrete stages, its request store and its URL validation.
 #include "control/JobEnvironment.h"
 
+#include "DownloadRequestLog.h"
+
 namespace {
 
 class LibraryStages final : public StageFactory {
@@ -22,6 +24,6 @@ public:
 const JobEnvironment& defaultJobEnvironment()
 {
     static LibraryStages stages;
-    static const JobEnvironment environment{&stages, nullptr, nullptr, nullptr, nullptr};
+    static const JobEnvironment environment{&stages, &DownloadRequestLog::getInstance, nullptr};
     return environment;
 }

@@ -58,15 +58,17 @@ std::wstring textOf(const wchar_t* text) { return text ? text : L""; }
 
 DownloadImp* makeDownload(DownloadRequest* request, DownloadMgr* manager, const JobEnvironment& environment)
 {
-    return new DownloadImp(request, manager, environment);
+    auto* download = new DownloadImp(request, manager, environment);
+    if (request)
+        static_cast<StatsImp*>(download->getStats())
+            ->setPackageSizes(request->getUncompressedSize(), request->getCompressedSize());
+    return download;
 }
 
 DownloadImp::DownloadImp(DownloadRequest* request, DownloadMgr* manager, const JobEnvironment& environment)
     : env_(environment), request_(request), manager_(manager), state_(request ? request->getState() : state::Pending),
-      status_(request ? request->getStatus() : status::None)
+      status_(request ? request->getStatus() : status::None), stats_(this)
 {
-    if (env_.makeStats)
-        stats_ = env_.makeStats(this);
     idleEvent_.reset(CreateEventW(nullptr, TRUE, TRUE, nullptr));
     runGate_.reset(CreateEventW(nullptr, TRUE, TRUE, nullptr));
     finalised_ = true; // nothing has run that would need cleaning up
@@ -84,8 +86,6 @@ DownloadImp::~DownloadImp()
     destroyTargets();
     delete request_;
     request_ = nullptr;
-    if (stats_ && env_.releaseStats)
-        env_.releaseStats(stats_);
 }
 
 // ---- pipeline ----
@@ -386,7 +386,7 @@ void DownloadImp::setUseAkamai(bool use, bool persist)
 
 void DownloadImp::setUseAkamaiPersist(bool use) { setUseAkamai(use, true); }
 
-Stats* DownloadImp::getStats() { return stats_; }
+Stats* DownloadImp::getStats() { return &stats_; }
 HANDLE DownloadImp::getThreadHandle() { return controlThread_.get(); }
 unsigned DownloadImp::getThreadId() { return controlThreadId_; }
 bool DownloadImp::isRunning() { return controlThreadId_ != 0; }
@@ -593,8 +593,7 @@ HANDLE DownloadImp::start()
     const std::wstring checkpointDir = textOf(request_->getCheckpointDir());
     if (!qv::createFolderTree(checkpointDir))
         return nullptr;
-    if (stats_)
-        stats_->start();
+    stats_.start();
 
     restoreProgressRecord();
     {

@@ -15,6 +15,7 @@
 #include "DownloadRequest.h"
 #include "common/Win32Raii.h"
 #include "control/JobEnvironment.h"
+#include "log/StatsImp.h"
 #include "stream/Stream.h"
 
 class DownloadImp final : public Download, public PipelineJob {
@@ -127,7 +128,7 @@ private:
     qv::UniqueHandle runHandle_;           // our own handle on the same thread, kept for waits
     std::atomic<uint32_t> state_;
     std::atomic<uint32_t> status_;
-    Stats* stats_ = nullptr;
+    StatsImp stats_;
     std::atomic<bool> finalised_{false};
     qv::UniqueHandle idleEvent_;  // manual reset; signalled whenever the download leaves a waiting state
     qv::UniqueHandle runGate_;    // manual reset; non-signalled while the workers are to wait

@@ -6,10 +6,7 @@
 #include <cstdint>
 
 #include "DownloadRequestLog.h"
-#include "Stats.h"
 #include "stream/Stream.h"
-
-class Download;
 
 class StageFactory {
 public:
@@ -37,16 +34,10 @@ public:
     StageFactory& operator=(const StageFactory&) = delete;
 };
 
-// Statistics object owned by a download (made and released through the same environment).
-using StatsMaker = Stats* (*)(Download* owner);
-using StatsReleaser = void (*)(Stats* stats);
-
 struct JobEnvironment {
     StageFactory* stages = nullptr;
     DownloadRequestLog* (*store)() = nullptr;           // may answer null: nothing is persisted
     unsigned long (*validate)(DownloadRequest*) = nullptr; // URL validation; null counts as valid
-    StatsMaker makeStats = nullptr;
-    StatsReleaser releaseStats = nullptr;
 };
 
 // The environment of the library itself (real stages, the process's request store, real validation).
