@@ -416,7 +416,11 @@ bool DownloadImp::getHoldFlag() { return holdFlag_; }
 bool DownloadImp::checkpointDue(unsigned id, bool ask)
 {
     qv::CsLock hold(checkpointLock_);
-    if (ask && checkpointBlock_ == 0) {
+    // A source that has read its block to the end but not yet moved on would resume past the block's
+    // end; the checkpoint waits for the next block.
+    const int64_t blockLength = request_->getContentLength();
+    const bool atBlockEnd = blockLength > 0 && request_->getBlockDownloadedSize() >= static_cast<uint64_t>(blockLength);
+    if (ask && checkpointBlock_ == 0 && !atBlockEnd) {
         const uint64_t downloaded = getDownloadedSize();
         if (downloaded > lastCheckpointAt_ + request_->getSaveInterval()) {
             checkpointBlock_ = id;
@@ -595,7 +599,13 @@ HANDLE DownloadImp::start()
         return nullptr;
     stats_.start();
 
+    const int32_t storedBlock = request_->getBlockId();
     restoreProgressRecord();
+    // The checkpoint may stand in an earlier block than the store recorded: the source reads that block,
+    // whose length the end-of-block test needs.
+    if (request_->getBlockId() != storedBlock && env_.validate)
+        if (const unsigned long result = env_.validate(request_))
+            applyValidationResult(static_cast<unsigned>(result));
     {
         qv::CsLock hold(checkpointLock_);
         checkpointId_ = request_->getCheckpointId();

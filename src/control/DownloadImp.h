@@ -77,11 +77,11 @@ public:
     uint32_t startGate() override;
     Stream* currentSource() override;
     Stream* currentSink() override;
-    uint32_t validateUrl();
-    bool acceptValidation(uint32_t result);
-    const wchar_t* sourceUrl();
-    bool takeInterruption();
-    void fallBackToHttp();
+    uint32_t validateUrl() override;
+    bool acceptValidation(uint32_t result) override;
+    const wchar_t* sourceUrl() override;
+    bool takeInterruption() override;
+    void fallBackToHttp() override;
 
     // For the manager: true while the control thread of the current run has not ended.
     bool controlThreadAlive();

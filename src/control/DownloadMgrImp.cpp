@@ -199,6 +199,12 @@ Download* DownloadMgrImp::addDownload(DownloadRequest* request)
         request->setDestDir(working);
     }
 
+    // The store drops requests without a name when it loads them: give one that the client left out.
+    if (!request->getName() || !*request->getName()) {
+        const std::wstring file = qv::lastComponent(textOf(request->getUrlPath()));
+        request->setName(file.empty() ? id.c_str() : file.c_str());
+    }
+
     Download* download = makeDownload(request, this, env_);
     if (inState(download->getState(), {state::Pending, state::Init, state::Play, state::Paused}) &&
         !download->isPrepared() && !download->buildPipeline()) {

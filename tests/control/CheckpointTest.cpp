@@ -95,6 +95,18 @@ TEST_F(CheckpointTest, DueOnlyAfterTheIntervalAndThenJoinedByTheSameId)
     EXPECT_FALSE(job->checkpointDue(2, false));
 }
 
+TEST_F(CheckpointTest, NoneOpensWhileTheSourceStandsAtItsBlocksEnd)
+{
+    request->setContentLength(1000);
+    request->setBlockDownloadedSize(1000);
+    EXPECT_FALSE(job->checkpointDue(1, true));
+    request->setBlockId(0);
+    request->setTotalDownloadedSize(1000); // the next block has begun
+    request->setBlockDownloadedSize(0);
+    request->setContentLength(500);
+    EXPECT_TRUE(job->checkpointDue(2, true));
+}
+
 TEST_F(CheckpointTest, AZeroIntervalMakesEveryNewByteDue)
 {
     request->setSaveInterval(0);

@@ -19,6 +19,18 @@ namespace {
 
 constexpr DWORD kLimitMs = 120000;
 
+// Status messages, failures and text lines go to standard error, for the test's diagnostics.
+class EventEcho final : public EventSubscriber {
+public:
+    void notify(const EventRecord* record) override
+    {
+        if (record->kind == qvdlm::event::Information && qvdlm::eventValueIsText(record->value))
+            std::fprintf(stderr, "E3 %ls\n", reinterpret_cast<const wchar_t*>(record->value));
+        else if (record->kind != qvdlm::event::Information)
+            std::fprintf(stderr, "E%u %llu\n", record->kind, static_cast<unsigned long long>(record->value));
+    }
+};
+
 int follow(DownloadMgr* manager)
 {
     const ULONGLONG end = GetTickCount64() + kLimitMs;
@@ -54,6 +66,8 @@ int wmain(int argc, wchar_t** argv)
     if (start && argc < 6)
         return 3;
     DownloadRequestLog::getInstance()->open(argv[2]);
+    static EventEcho echo;
+    EventPublisher::getInstance()->subscribe(&echo);
     DownloadMgr* manager = QvDLM::createDownloadMgr();
     if (!manager)
         return 4;

@@ -119,6 +119,7 @@ TEST_F(ManagerTest, AddDownloadWorksInAFreshWorkingFolderAndStoresTheRequest)
     EXPECT_TRUE(qvtest::fileExists(working));
     EXPECT_TRUE(qvtest::fileExists(scratch / L"chk-a.bin"));
     EXPECT_TRUE(d->isPrepared());
+    EXPECT_STREQ(d->getRequest()->getName(), L"a.bin"); // the store needs a name to load it again
     EXPECT_EQ(store.adds, 1);
     EXPECT_TRUE(store.exists(d->getRequest()->getId()));
     EXPECT_FALSE(manager->isEmpty());
