@@ -9,6 +9,9 @@
 #include "QvDLMCodes.h"
 #include "log/EventPublisherImpl.h"
 #include "stream/StreamLink.h"
+#if __has_include("stream/HTTPStreamImp.h")
+#include "stream/HTTPStreamImp.h"
+#endif
 
 namespace {
 
@@ -379,6 +382,37 @@ void ReaderThread::runRetryCycle()
         endOnStop();
 }
 
+#if __has_include("stream/HTTPStreamImp.h")
+// The services over the library's HTTP source.
+class HttpReaderServicesPending final : public ReaderServices {
+public:
+    StreamReader* createSource(const wchar_t* url, uint32_t dataStart, int64_t position) override
+    {
+        return url ? new HTTPStreamImp(url, dataStart, position) : nullptr;
+    }
+    bool reconnect(Stream* source) override
+    {
+        auto* http = dynamic_cast<HTTPStreamImp*>(source);
+        return http && http->reconnect() != nullptr;
+    }
+    void setTimeouts(Stream* source, uint32_t milliseconds) override
+    {
+        if (auto* http = dynamic_cast<HTTPStreamImp*>(source))
+            http->setTimeouts(milliseconds);
+    }
+    int64_t position(Stream* source) override
+    {
+        auto* http = dynamic_cast<HTTPStreamImp*>(source);
+        return http ? http->position() : 0;
+    }
+    uint32_t dataStart(Stream* source) override
+    {
+        auto* http = dynamic_cast<HTTPStreamImp*>(source);
+        return http ? http->dataStart() : 0;
+    }
+    void sleep(uint32_t milliseconds) override { Sleep(milliseconds); }
+};
+#else
 class HttpReaderServicesPending final : public ReaderServices {
 public:
     StreamReader* createSource(const wchar_t*, uint32_t, int64_t) override { return nullptr; }
@@ -388,6 +422,7 @@ public:
     uint32_t dataStart(Stream*) override { return 0; }
     void sleep(uint32_t milliseconds) override { Sleep(milliseconds); }
 };
+#endif
 
 } // namespace
 

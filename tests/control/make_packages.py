@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """Makes the files that the download tests fetch, under WORKDIR/www-control:
-  plain.bin, big.bin       plain files of patterned bytes
+  plain.bin, mid.bin, big.bin   plain files of patterned bytes
   pkgsrc/                  a folder tree (with a dlm.ini in a subfolder)
   pkg.tar.lzma2            that tree as one LZMA2 package (GNU tar, raw LZMA2 with its property byte)
   multi_001_003.tar.lzma2 .. multi_003_003.tar.lzma2   the same package split at uneven byte offsets
@@ -41,6 +41,7 @@ def make_plain(name, size, seed):
 
 make_plain("plain.bin", 6 * 1024 * 1024 + 123, 1)
 make_plain("big.bin", 48 * 1024 * 1024 + 7, 2)
+make_plain("mid.bin", 24 * 1024 * 1024 + 3, 8)
 
 src = os.path.join(root, "pkgsrc")
 if not os.path.exists(os.path.join(root, "multi_003_003.tar.lzma2")):
