@@ -9,9 +9,7 @@
 #include "QvDLMCodes.h"
 #include "log/EventPublisherImpl.h"
 #include "stream/StreamLink.h"
-#if __has_include("stream/HTTPStreamImp.h")
 #include "stream/HTTPStreamImp.h"
-#endif
 
 namespace {
 
@@ -382,9 +380,7 @@ void ReaderThread::runRetryCycle()
         endOnStop();
 }
 
-#if __has_include("stream/HTTPStreamImp.h")
-// The services over the library's HTTP source.
-class HttpReaderServicesPending final : public ReaderServices {
+class HttpReaderServices final : public ReaderServices {
 public:
     StreamReader* createSource(const wchar_t* url, uint32_t dataStart, int64_t position) override
     {
@@ -412,23 +408,12 @@ public:
     }
     void sleep(uint32_t milliseconds) override { Sleep(milliseconds); }
 };
-#else
-class HttpReaderServicesPending final : public ReaderServices {
-public:
-    StreamReader* createSource(const wchar_t*, uint32_t, int64_t) override { return nullptr; }
-    bool reconnect(Stream*) override { return false; }
-    void setTimeouts(Stream*, uint32_t) override {}
-    int64_t position(Stream*) override { return 0; }
-    uint32_t dataStart(Stream*) override { return 0; }
-    void sleep(uint32_t milliseconds) override { Sleep(milliseconds); }
-};
-#endif
 
 } // namespace
 
 ReaderServices& httpReaderServices()
 {
-    static HttpReaderServicesPending services;
+    static HttpReaderServices services;
     return services;
 }
 
