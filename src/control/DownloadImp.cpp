@@ -877,6 +877,11 @@ void DownloadImp::finalCleanup()
 
     const uint32_t s = state_;
     if (s == state::Aborting) {
+        // A worker may have reported progress after the stop reset it.
+        request_->setBlockId(0);
+        request_->setBlockDownloadedSize(0);
+        request_->setTotalDownloadedSize(0);
+        request_->setExtractedSize(0);
         const std::wstring dest = textOf(request_->getDestDir());
         if (!dest.empty() && startsWithWorkingPrefix(dest))
             qv::deleteTree(dest);

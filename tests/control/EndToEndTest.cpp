@@ -19,7 +19,10 @@ class EndToEnd : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        DownloadRequestLog::getInstance()->open((scratch / L"store\\download.info").c_str());
+        // A store of its own for every test: requests are keyed by URL, and the tests fetch the same files.
+        static int testNumber = 0;
+        DownloadRequestLog::getInstance()->open(
+            (scratch / (L"store" + std::to_wstring(++testNumber) + L"\\download.info")).c_str());
         dest = scratch / L"dest";
         manager = QvDLM::createDownloadMgr();
         ASSERT_NE(manager, nullptr);
@@ -64,6 +67,7 @@ TEST_F(EndToEnd, APlainFileArrivesWholeInTheDestination)
     const std::wstring working = d->getRequest()->getDestDir();
     ASSERT_TRUE(manager->startDownload(d));
     ASSERT_TRUE(reaches(d, state::Completed)) << std::hex << d->getState() << " " << d->getStatus();
+    ASSERT_TRUE(e2e::waitFor([&] { return !manager->anyRunning(); }, kRunMs));
     EXPECT_TRUE(e2e::sameFile(served(L"plain.bin"), dest + L"\\plain.bin"));
     EXPECT_FALSE(qvtest::fileExists(working));
     EXPECT_TRUE(e2e::entriesStartingWith(dest, L"QV_").empty());
@@ -142,9 +146,13 @@ TEST_F(EndToEnd, AbortWithDiscardLeavesNothingAndWithoutKeepsTheWork)
     const std::wstring thrownChk = thrown->getRequest()->getCheckpointDir();
     ASSERT_TRUE(manager->control(thrown, command::AbortDiscard));
     ASSERT_TRUE(reaches(thrown, state::Aborted));
+    ASSERT_TRUE(e2e::waitFor([&] { return !manager->anyRunning(); }, kRunMs));
     EXPECT_FALSE(qvtest::fileExists(thrownDir));
     EXPECT_FALSE(qvtest::fileExists(thrownChk));
     EXPECT_EQ(thrown->getDownloadedSize(), 0u);
+    // Removed from the manager and the store, the same file can be fetched again as a new download.
+    ASSERT_TRUE(manager->control(thrown, command::Remove));
+    QvDLM::destroy(thrown);
 
     Download* kept = add(L"slow/mid.bin", kLinkBuffer);
     ASSERT_TRUE(manager->startDownload(kept));
@@ -189,8 +197,7 @@ TEST_F(EndToEnd, ThreeRunAtOnceAndTheFourthStartsWhenOneCompletes)
 {
     Download* d[4];
     for (int i = 0; i < 4; ++i) {
-        DownloadRequest* r = request(L"slow/plain.bin");
-        r->setDestDir((scratch / (L"dest" + std::to_wstring(i))).c_str());
+        DownloadRequest* r = request(L"slow/plain" + std::to_wstring(i) + L".bin");
         d[i] = manager->addDownload(r);
         ASSERT_NE(d[i], nullptr);
     }
@@ -206,15 +213,13 @@ TEST_F(EndToEnd, ThreeRunAtOnceAndTheFourthStartsWhenOneCompletes)
         firstCompletion = std::min(firstCompletion, states.indexOf(d[i], state::Completed));
     EXPECT_GT(fourthPlays, firstCompletion);
     for (int i = 0; i < 4; ++i)
-        EXPECT_TRUE(e2e::sameFile(served(L"plain.bin"), scratch / (L"dest" + std::to_wstring(i) + L"\\plain.bin")));
+        EXPECT_TRUE(e2e::sameFile(served(L"plain.bin"), dest + L"\\plain" + std::to_wstring(i) + L".bin"));
 }
 
 TEST_F(EndToEnd, ADestinationOf246CharactersWorksAnd247IsRefused)
 {
     std::wstring longDest = scratch.path() + L"\\";
-    while (longDest.size() < 246)
-        longDest += L"d";
-    longDest.resize(247);
+    longDest.append(247 - longDest.size(), L'd');
     DownloadRequest* refused = request(L"plain.bin");
     refused->setDestDir(longDest.c_str());
     SetLastError(0);

@@ -42,6 +42,11 @@ def make_plain(name, size, seed):
 make_plain("plain.bin", 6 * 1024 * 1024 + 123, 1)
 make_plain("big.bin", 48 * 1024 * 1024 + 7, 2)
 make_plain("mid.bin", 24 * 1024 * 1024 + 3, 8)
+# Four names for one file: downloads of the same URL share a store section, these do not.
+for i in range(4):
+    twin = os.path.join(root, "plain%d.bin" % i)
+    if not os.path.exists(twin):
+        os.link(os.path.join(root, "plain.bin"), twin)
 
 src = os.path.join(root, "pkgsrc")
 if not os.path.exists(os.path.join(root, "multi_003_003.tar.lzma2")):
