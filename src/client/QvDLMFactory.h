@@ -16,6 +16,10 @@ public:
     static Log* createLog(const wchar_t* path);
     // An empty request; null when memory is exhausted.
     static DownloadRequest* createDownloadRequest();
+    // Makes the manager of downloads, or null when memory is exhausted.
+    static DownloadMgr* createDownloadMgr();
+    // Makes a download that owns request; mgr is the manager that drives it (may be null).
+    static Download* createDownload(DownloadRequest* request, DownloadMgr* mgr);
 
     // A null argument is ignored.
     static void destroy(Log* log);

@@ -11,6 +11,7 @@
 #include "log/EventPublisherImpl.h"
 #include "stream/HTTPStreamImp.h"
 #include "stream/StreamLink.h"
+#include "stream/HTTPStreamImp.h"
 
 namespace {
 
@@ -385,7 +386,7 @@ class HttpReaderServices final : public ReaderServices {
 public:
     StreamReader* createSource(const wchar_t* url, uint32_t dataStart, int64_t position) override
     {
-        return new (std::nothrow) HTTPStreamImp(url, dataStart, position);
+        return url ? new (std::nothrow) HTTPStreamImp(url, dataStart, position) : nullptr;
     }
     bool reconnect(Stream* source) override
     {
