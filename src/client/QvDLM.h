@@ -11,6 +11,7 @@
 #include "QvDLMCodes.h"
 #include "QvDLMExport.h"
 #include "QvDLMFactory.h"
+#include "StartAkamai.h"
 #include "Stats.h"
 #include "UrlAuth.h"
 #include "UrlValidation.h"
