@@ -104,6 +104,14 @@ TEST_F(NetSessionEndpointTest, FailingEndpointAnswersWithAServerError)
     EXPECT_TRUE(failed.body.empty());
 }
 
+TEST_F(NetSessionEndpointTest, EndpointCuttingShortEndsTheBodyEarly)
+{
+    module.setEndpointCuttingShort();
+    const Fetched cut = internet.get(delivery.initUrl(job));
+    EXPECT_EQ(cut.status, 200u);
+    EXPECT_TRUE(cut.body == payload.substr(0, 65536)) << "got " << cut.body.size() << " bytes";
+}
+
 TEST_F(NetSessionEndpointTest, AnythingButServeFileIsRefused)
 {
     EXPECT_EQ(internet.get(L"http://127.0.0.1:9421/api?function=other&url=http://x/setup.exe").status, 400u);

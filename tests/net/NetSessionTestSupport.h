@@ -61,6 +61,7 @@ public:
         return startOrigin_(root.c_str(), static_cast<uint16_t>(port)) != 0;
     }
     void setEndpointFailing(bool failing) { setFailing_(failing ? 1 : 0); }
+    void setEndpointCuttingShort() { setFailing_(2); }
     void stopServers() { stopServers_(); }
 
     std::vector<std::string> journal()

@@ -246,7 +246,7 @@ void FileServer::answer(SOCKET client, const Request& request)
     const char* who = kind_ == Kind::Origin ? "origin " : "serve ";
     journal_(who + (originUrl.empty() ? request.target : originUrl) + " " + (request.range.empty() ? "-" : request.range));
 
-    if (failing_) {
+    if (failure_ == Failure::Unavailable) {
         sendStatus(client, 503, "Service Unavailable");
         return;
     }
@@ -283,7 +283,7 @@ void FileServer::answer(SOCKET client, const Request& request)
         at.QuadPart = static_cast<LONGLONG>(first);
         SetFilePointerEx(file, at, nullptr, FILE_BEGIN);
         std::vector<char> chunk(kChunk);
-        uint64_t left = length;
+        uint64_t left = failure_ == Failure::CutShort ? std::min(length, kCutAfter) : length;
         while (ok && left > 0 && !stopping_) {
             DWORD got = 0;
             if (!ReadFile(file, chunk.data(), static_cast<DWORD>(std::min<uint64_t>(left, kChunk)), &got, nullptr) || got == 0)

@@ -30,8 +30,11 @@ public:
     bool start(uint16_t port);
     // Closes the listener and every open connection and waits for all threads.
     void stop();
-    // A failing endpoint answers every request with 503.
-    void setFailing(bool failing) { failing_ = failing; }
+    enum class Failure { None = 0, Unavailable = 1, CutShort = 2 };
+    // Unavailable answers every request with 503; CutShort closes each answer after kCutAfter bytes of
+    // its body, as a client that stops serving half-way.
+    void setFailure(Failure failure) { failure_ = failure; }
+    static constexpr uint64_t kCutAfter = 65536;
 
 private:
     struct Request {
@@ -50,7 +53,7 @@ private:
     const Kind kind_;
     const std::wstring root_;
     const Journal journal_;
-    std::atomic<bool> failing_{false};
+    std::atomic<Failure> failure_{Failure::None};
     std::atomic<bool> stopping_{false};
     SOCKET listener_ = INVALID_SOCKET;
     std::thread acceptor_;

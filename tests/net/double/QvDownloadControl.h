@@ -21,6 +21,6 @@ using QvdClearJournalFn = void (*)();
 using QvdJournalFn = size_t (*)(char* buffer, size_t capacity);
 using QvdLiveSessionsFn = int (*)();
 using QvdStartServerFn = int (*)(const wchar_t* root, uint16_t port);
-using QvdSetFailingFn = void (*)(int failing);
+using QvdSetFailingFn = void (*)(int failing); // 0 serves, 1 answers 503, 2 cuts every body short
 using QvdStopServersFn = void (*)();
 }

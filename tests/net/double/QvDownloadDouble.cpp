@@ -275,7 +275,7 @@ QVD_EXPORT int QvdStartOrigin(const wchar_t* root, uint16_t port)
 QVD_EXPORT void QvdSetEndpointFailing(int failing)
 {
     if (g_endpoint)
-        g_endpoint->setFailing(failing != 0);
+        g_endpoint->setFailure(static_cast<qvdouble::FileServer::Failure>(failing));
 }
 
 QVD_EXPORT void QvdStopServers()
