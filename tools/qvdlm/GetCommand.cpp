@@ -114,11 +114,14 @@ int runGet(const Options& o, Console& console)
         if (!request->getUncompressedSize() && !request->isLzma2Package() && !request->isSfxPackage())
             request->setUncompressedSize(request->getCompressedSize());
 
+        SetLastError(0);
         Download* download = manager->addDownload(request);
         if (!download) {
             // Whether the request was already handed over is not known here: leave it rather than risk
             // releasing it twice.
-            console.error(url + L": cannot prepare the download in " + dest + L": " + systemErrorText(GetLastError()));
+            const DWORD error = GetLastError();
+            console.error(url + L": cannot prepare the download in " + dest +
+                          (error ? L": " + systemErrorText(error) : std::wstring()));
             anyRefused = true;
             continue;
         }
