@@ -44,7 +44,7 @@ int wmain(int argc, wchar_t** argv)
     }
     const bool completed = download && download->getState() == qvdlm::state::Completed;
     if (!completed && download)
-        std::printf("failed: %ls\n", qvdlm::messageText(qvdlm::messageForStatus(download->getStatus())));
+        std::printf("ended as %ls, status 0x%08x\n", qvdlm::stateName(download->getState()), download->getStatus());
 
     QvDLM::destroy(manager); // and with it its downloads and their requests
     EventPublisher::getInstance()->unsubscribe(&printer);

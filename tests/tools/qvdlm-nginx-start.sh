@@ -30,7 +30,7 @@ http {
         listen 127.0.0.1:$port;
         server_name localhost;
         root $www;
-        limit_rate 8m;
+        limit_rate 4m;
         location / { }
     }
 }

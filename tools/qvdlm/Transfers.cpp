@@ -50,7 +50,8 @@ ProgressSnapshot Transfers::snapshot(Tracked& item, bool sample)
     s.label = item.label;
     s.done = d->getDownloadedSize();
     s.total = packageSize(d, item.estimatedSize, s.totalEstimated);
-    if (s.total && s.done > s.total && s.totalEstimated)
+    // An estimate gives way to the truth once it is known.
+    if (s.totalEstimated && (s.done > s.total || d->getState() == qvdlm::state::Completed))
         s.total = s.done;
     if (item.outcome == Outcome::Running && d->getState() == qvdlm::state::Play) {
         if (Stats* stats = d->getStats()) {
