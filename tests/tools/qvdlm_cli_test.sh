@@ -3,9 +3,11 @@
 # qvpack is fetched, stopped midway (by the byte limit and by a real SIGINT, which Wine turns into
 # Ctrl+C), resumed from its checkpoint and compared with its source; list, remove, refused URLs and
 # tokens are checked on the way. Every run uses a request store of its own.
+# The proxy command is run against the loopback proxies of the proxy tests' fixture.
 # Usage: qvdlm_cli_test.sh <build dir> <qvdlm.exe> <qvpack.exe> <www dir> <nginx access log> <port>
+#        <port base of the proxy fixture>
 set -eu
-build=$1 qvdlm=$2 qvpack=$3 www=$4 access=$5 port=$6
+build=$1 qvdlm=$2 qvpack=$3 www=$4 access=$5 port=$6 proxy_base=$7
 run=$build/wine-run
 work=$build/test-work/qvdlm-cli
 rm -rf "$work" "$www/pkg"
@@ -149,6 +151,21 @@ expect_rc 1 "token with a short parameter name"
 expect_out "code -101" "token with a short parameter name"
 q token "http://localhost/a" --key 6b0
 expect_rc 2 "token with an odd key"
+
+# ---- proxy lookup: what the library finds, never a password ----
+export http_proxy="http://127.0.0.1:$((proxy_base + 14))"
+q proxy "http://localhost:$((proxy_base + 13))/page"
+expect_rc 0 "proxy without authentication"
+expect_out "PM_STATUS_OK" "proxy without authentication"
+expect_out "server 127.0.0.1 port $((proxy_base + 14))" "proxy without authentication"
+expect_out "authentication none" "proxy without authentication"
+export http_proxy="http://127.0.0.1:$((proxy_base + 12))"
+q proxy "http://localhost:$((proxy_base + 13))/page"
+expect_rc 1 "proxy asking for Basic credentials"
+expect_out "PM_STATUS_SILENT_MODE_ERROR" "proxy asking for Basic credentials"
+expect_out "authentication Basic" "proxy asking for Basic credentials"
+reject_out "S3cret" "proxy asking for Basic credentials"
+unset http_proxy
 
 rm -rf "$work" "$www/pkg"
 echo "qvdlm end to end: ok"

@@ -3,14 +3,7 @@
 #include "QvDLM.h"
 #include "TextUtil.h"
 
-#if __has_include("QrvlProxy.h")
-#include "QrvlProxy.h"
-#define QVCLI_HAVE_PROXY 1
-#endif
-
 namespace qvcli {
-
-#ifdef QVCLI_HAVE_PROXY
 
 namespace {
 
@@ -61,14 +54,5 @@ int runProxy(const Options& o, Console& console)
     return status == PM_STATUS_OK || status == PM_STATUS_NO_PROXY_CONFIGURATION ? exitcode::Ok : exitcode::Failed;
 }
 
-#else
-
-int runProxy(const Options&, Console& console)
-{
-    console.error(L"this build of QvDLM.dll has no proxy lookup");
-    return exitcode::Failed;
-}
-
-#endif
 
 } // namespace qvcli
