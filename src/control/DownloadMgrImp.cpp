@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <cwchar>
 #include <cwctype>
+#include <initializer_list>
+#include <new>
 #include <vector>
 
 #include "Download.h"

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -15,7 +17,7 @@ namespace e2e {
 
 // The folder that the test file server serves, as this process sees it.
 std::wstring servedFolder();
-// A URL of the test file server (port base + 5); "slow/" in front limits it to 8 MiB/s.
+// A URL of the test file server (port base + 5); "slow/" in front limits it to 16 MiB/s.
 std::wstring serverUrl(const std::wstring& path);
 // A path in the long form when it needs one.
 std::wstring longPath(const std::wstring& path);

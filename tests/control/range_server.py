@@ -14,7 +14,7 @@ import threading
 import time
 
 PORT, DOCROOT, LOGFILE, PIDFILE = int(sys.argv[1]), sys.argv[2], sys.argv[3], sys.argv[4]
-SLOW_RATE = 8 * 1024 * 1024  # bytes per second under /slow/
+SLOW_RATE = 16 * 1024 * 1024  # bytes per second under /slow/
 CHUNK = 64 * 1024
 log_lock = threading.Lock()
 
