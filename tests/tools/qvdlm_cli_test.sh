@@ -65,7 +65,7 @@ expect_out "already stored" "second get of a stored download"
 before=$(wc -l <"$access")
 q resume --store "$store"
 expect_rc 0 "resume"
-expect_out "resume $url from [1-9]" "resume"
+expect_out "resume $url ([1-9]" "resume"
 expect_out "pkg: download completed" "resume"
 expect_out "files in $(win "$dest" | sed 's/\\/\\\\/g')" "resume"
 tail -n +$((before + 1)) "$access" >"$work/resume-access.log"

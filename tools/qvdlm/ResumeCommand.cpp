@@ -52,8 +52,8 @@ int runResume(const Options& o, Console& console)
     stopSignal::install();
     for (Tracked& item : items) {
         const bool paused = item.download->getState() == qvdlm::state::Paused;
-        console.line(L"resume " + std::wstring(item.download->getRequest()->getId()) + L" from " +
-                     formatBytes(item.startBytes));
+        console.line(L"resume " + std::wstring(item.download->getRequest()->getId()) + L" (" +
+                     formatBytes(item.startBytes) + L" stored)");
         manager->control(item.download, paused ? qvdlm::command::Resume : qvdlm::command::Start);
     }
     TransferSummary summary;

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <algorithm>
+
 #include "StopSignal.h"
 #include "TextUtil.h"
 
@@ -167,7 +169,10 @@ TransferSummary Transfers::run(std::vector<Tracked>& items)
             update(item, now);
             allFinal = allFinal && isFinal(item.outcome);
             anyRunning = anyRunning || item.outcome == Outcome::Running;
-            downloaded += item.download->getDownloadedSize();
+            const uint64_t done = item.download->getDownloadedSize();
+            // A resumed download may rewind to its checkpoint, behind what the store said.
+            item.startBytes = std::min(item.startBytes, done);
+            downloaded += done;
         }
         if (allFinal)
             break;

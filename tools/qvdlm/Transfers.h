@@ -20,7 +20,7 @@ struct Tracked {
     Download* download = nullptr;
     std::wstring label;
     std::wstring url;             // what validation lines mention
-    uint64_t startBytes = 0;      // downloaded before this run
+    uint64_t startBytes = 0;      // downloaded before this run (the lowest count seen)
     uint64_t estimatedSize = 0;   // used when the request holds no compressed size
     Outcome outcome = Outcome::Waiting;
     uint64_t pausedSinceMs = 0;   // 0 while not paused
