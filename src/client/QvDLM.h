@@ -12,6 +12,7 @@
 #include "QvDLMCodes.h"
 #include "QvDLMExport.h"
 #include "QvDLMFactory.h"
+#include "StartAkamai.h"
 #include "Stats.h"
 #include "UrlAuth.h"
 #include "UrlValidation.h"

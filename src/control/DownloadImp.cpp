@@ -200,11 +200,7 @@ Target* DownloadImp::addStage(Stream* stage, const LinkSpec* settings)
     return target;
 }
 
-const wchar_t* DownloadImp::initUrl()
-{
-    // Content delivery through a local client is not part of this build: plain HTTP is used.
-    return request_->getUrl(false);
-}
+const wchar_t* DownloadImp::initUrl() { return netSession_.initUrl(*this); }
 
 Target* DownloadImp::attachFileWriter()
 {
@@ -300,22 +296,30 @@ bool DownloadImp::reinit()
 
 bool DownloadImp::pause()
 {
-    if (controlThreadId_ && state_ == state::Play)
-        return PostThreadMessageW(controlThreadId_, command::Pause, 0, 0) != 0;
+    if (controlThreadId_ && state_ == state::Play) {
+        const bool posted = PostThreadMessageW(controlThreadId_, command::Pause, 0, 0) != 0;
+        netSession_.pause();
+        return posted;
+    }
     if (state_ == state::Paused)
         return false;
     changeState(state::Paused);
+    netSession_.pause();
     return true;
 }
 
 bool DownloadImp::resume()
 {
+    netSession_.resume();
     const DWORD id = controlThreadId_;
     return id && PostThreadMessageW(id, command::Resume, 0, 0) != 0;
 }
 
 bool DownloadImp::abort(bool discard)
 {
+    // A session that handles the stop itself ends the abort here.
+    if (netSession_.abort(discard) != 0)
+        return true;
     if (controlThreadAlive()) {
         const DWORD id = controlThreadId_;
         return id && PostThreadMessageW(id, discard ? command::AbortDiscard : command::StopKeep, 0, 0) != 0;
@@ -374,7 +378,7 @@ unsigned DownloadImp::getStreamError()
     return 0;
 }
 
-unsigned DownloadImp::getNetSessionError() { return 0; }
+unsigned DownloadImp::getNetSessionError() { return netSession_.lastError(); }
 
 void DownloadImp::setUseAkamai(bool use, bool persist)
 {
@@ -571,7 +575,7 @@ uint32_t DownloadImp::validateUrl() { return env_.validate ? static_cast<uint32_
 bool DownloadImp::acceptValidation(uint32_t result) { return applyValidationResult(result); }
 const wchar_t* DownloadImp::sourceUrl() { return initUrl(); }
 bool DownloadImp::takeInterruption() { return interrupted_.exchange(false); }
-void DownloadImp::fallBackToHttp() { request_->setUseAkamai(false); }
+void DownloadImp::fallBackToHttp() { qv::NetSessionDelivery::fallBackToHttp(*this); }
 
 // ---- control thread ----
 
@@ -588,6 +592,8 @@ bool DownloadImp::waitForControlThread(DWORD milliseconds)
 HANDLE DownloadImp::start()
 {
     if (controlThreadAlive())
+        return nullptr;
+    if (netSession_.resume() != 0)
         return nullptr;
     if (DownloadRequestLog* log = store()) {
         const wchar_t* id = request_->getId();
@@ -899,6 +905,7 @@ void DownloadImp::finalCleanup()
     }
 
     const uint32_t after = state_;
+    netSession_.finish(*request_, after);
     if (after == state::Completed || after == state::Aborted) {
         const std::wstring checkpointDir = textOf(request_->getCheckpointDir());
         if (!checkpointDir.empty())

@@ -16,6 +16,7 @@
 #include "common/Win32Raii.h"
 #include "control/JobEnvironment.h"
 #include "log/StatsImp.h"
+#include "net/NetSessionDelivery.h"
 #include "stream/Stream.h"
 
 class DownloadImp final : public Download, public PipelineJob {
@@ -137,6 +138,7 @@ private:
     std::atomic<uint32_t> gate_{0};
     std::atomic<bool> holdFlag_{false};
     std::atomic<bool> interrupted_{false}; // the source is to retry at once
+    qv::NetSessionDelivery netSession_;    // content-delivery session, from initUrl to the final clean-up
 
     // Checkpoint bookkeeping, shared by the stage threads.
     qv::CriticalSection checkpointLock_;
