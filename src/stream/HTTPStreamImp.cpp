@@ -86,6 +86,7 @@ HTTPStreamImp::~HTTPStreamImp()
 {
     close();
     SecureZeroMemory(proxyPassword_.data(), proxyPassword_.size());
+    qrvlProxyDeallocate(&proxyInfo_);
 }
 
 void HTTPStreamImp::crackUrl()
@@ -278,9 +279,25 @@ HTTPStreamImp* HTTPStreamImp::openHead(bool send)
 
 bool HTTPStreamImp::lookUpProxyCredentials()
 {
-    // Credentials for a proxy come from the proxy subsystem's lookup (qrvlGetProxyInfo). This build
-    // has no proxy subsystem linked in, so a 407 stays the answer and the caller sees it.
-    return false;
+    // The proxy subsystem speaks UTF-8; an unconvertible URL has no proxy to ask about.
+    const int length = WideCharToMultiByte(CP_UTF8, 0, url_.c_str(), -1, nullptr, 0, nullptr, nullptr);
+    if (length <= 0)
+        return false;
+    std::string url(static_cast<size_t>(length), '\0');
+    if (WideCharToMultiByte(CP_UTF8, 0, url_.c_str(), -1, url.data(), length, nullptr, nullptr) <= 0)
+        return false;
+
+    // An earlier pass's record is replaced: its credentials were not accepted.
+    qrvlProxyDeallocate(&proxyInfo_);
+    UserData request = {url.c_str(), nullptr, nullptr, false};
+    if (qrvlGetProxyInfo(&request, &proxyInfo_) != PM_STATUS_OK)
+        return false;
+
+    SecureZeroMemory(proxyPassword_.data(), proxyPassword_.size());
+    proxyUser_ = proxyInfo_.user ? proxyInfo_.user : "";
+    proxyPassword_ = proxyInfo_.password ? proxyInfo_.password : "";
+    haveProxyCredentials_ = true;
+    return true;
 }
 
 bool HTTPStreamImp::sendRequest(int64_t length)

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 
+#include "QrvlProxy.h"
 #include "common/Win32Raii.h"
 #include "stream/HTTPStream.h"
 
@@ -125,7 +126,9 @@ private:
 
     wchar_t lastHeaders_[kHeaderBufferLength] = {};
 
-    // Proxy credentials from an earlier 407, set on the next connection.
+    // Proxy credentials from an earlier 407, set on the next connection. The lookup's record is kept
+    // for the stream's life and released with it.
+    ProxyInfo proxyInfo_ = {};
     bool haveProxyCredentials_ = false;
     std::string proxyUser_;
     std::string proxyPassword_;
