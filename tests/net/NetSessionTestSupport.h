@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "DownloadRequest.h"
+#include "support/InertRequest.h"
 #include "EventPublisher.h"
 #include "EventSubscriber.h"
 #include "QvDLMCodes.h"
@@ -106,7 +106,7 @@ private:
 
 // A request with one URL per block and the URL forms that content delivery relies on: the plain form
 // carries the block's query only when delivery is off; the serving form exists only while it is on.
-class BlockRequest final : public DownloadRequest {
+class BlockRequest final : public InertRequest {
 public:
     explicit BlockRequest(WStringList urls, WStringList queries = {})
         : urls_(std::move(urls)), queries_(std::move(queries)), blockCount_(static_cast<int32_t>(urls_.size()))
@@ -154,67 +154,12 @@ public:
     bool isFinished() override { return finished_; }
     const wchar_t* getId() override { return urls_.empty() ? L"" : urls_[0].c_str(); }
 
-    // Not used by content delivery.
-    void setUrl(const wchar_t*, const wchar_t*, const wchar_t*) override {}
-    void setVersion(const wchar_t*) override {}
+    // What content delivery reads besides the blocks.
     const wchar_t* getVersion() override { return L"1.2"; }
-    void setName(const wchar_t*) override {}
-    const wchar_t* getName() override { return L""; }
-    void setDate(const wchar_t*) override {}
-    const wchar_t* getDate() override { return L""; }
-    void clearTokens() override {}
-    void addToken(const wchar_t*) override {}
-    const wchar_t* getToken(int32_t) override { return nullptr; }
+    uint32_t getState() override { return qvdlm::state::Pending; }
+    const wchar_t* getOriginalUrl() override { return getId(); }
     void clearQueries() override { queries_.clear(); }
     void addQuery(const wchar_t* query) override { queries_.push_back(query ? query : L""); }
-    void setContentLength(int64_t) override {}
-    int64_t getContentLength() override { return 0; }
-    void setCompressedSize(uint64_t) override {}
-    uint64_t getCompressedSize() override { return 0; }
-    void setUncompressedSize(uint64_t) override {}
-    uint64_t getUncompressedSize() override { return 0; }
-    void setState(uint32_t) override {}
-    uint32_t getState() override { return qvdlm::state::Pending; }
-    void setStatus(uint32_t) override {}
-    uint32_t getStatus() override { return 0; }
-    void setDestDir(const wchar_t*) override {}
-    const wchar_t* getDestDir() override { return L""; }
-    void setExePath(const wchar_t*) override {}
-    const wchar_t* getExePath() override { return L""; }
-    void setExeParam(const wchar_t*) override {}
-    const wchar_t* getExeParam() override { return L""; }
-    void setAutoOpen(bool) override {}
-    bool getAutoOpen() override { return false; }
-    void setAuthParamName(const wchar_t*) override {}
-    const wchar_t* getAuthParamName() override { return L""; }
-    void setSessionParamName(const wchar_t*) override {}
-    const wchar_t* getSessionParamName() override { return L""; }
-    void setCheckpointId(uint32_t) override {}
-    uint32_t getCheckpointId() override { return 0; }
-    void setCheckpointDir(const wchar_t*) override {}
-    const wchar_t* getCheckpointDir() override { return L""; }
-    void setSaveInterval(uint64_t) override {}
-    uint64_t getSaveInterval() override { return 0; }
-    const wchar_t* getOriginalUrl() override { return getId(); }
-    void setOriginalUrl(const wchar_t*) override {}
-    void setUrls(const wchar_t*) override {}
-    const wchar_t* getUrlPath() override { return L""; }
-    bool isLzma2Package() override { return false; }
-    bool isSfxPackage() override { return false; }
-    uint64_t getBlockDownloadedSize() override { return 0; }
-    void setBlockDownloadedSize(uint64_t) override {}
-    uint64_t getTotalDownloadedSize() override { return 0; }
-    void setTotalDownloadedSize(uint64_t) override {}
-    uint64_t getExtractedSize() override { return 0; }
-    void setExtractedSize(uint64_t) override {}
-    bool getHttpFallback() override { return true; }
-    void setHttpFallback(bool) override {}
-    int32_t getRetryCount() override { return 5; }
-    void setRetryCount(int32_t) override {}
-    int32_t getFallbackRetryCount() override { return 3; }
-    void setFallbackRetryCount(int32_t) override {}
-    int32_t getAuxRetryCount() override { return 3; }
-    void setAuxRetryCount(int32_t) override {}
 
 private:
     WStringList urls_;

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "DownloadRequest.h"
+#include "support/InertRequest.h"
 #include "EventPublisher.h"
 #include "QvDLMCodes.h"
 #include "stream/Stream.h"
@@ -23,7 +23,7 @@
 namespace fakes {
 
 // A request with the fields the pipeline reads; everything else is inert.
-class FakeRequest final : public DownloadRequest {
+class FakeRequest final : public InertRequest {
 public:
     std::atomic<uint32_t> checkpointId{0};
     std::atomic<uint64_t> blockDownloaded{0};
@@ -73,62 +73,7 @@ public:
     int32_t getAuxRetryCount() override { return auxRetryCount; }
     void setAuxRetryCount(int32_t count) override { auxRetryCount = count; }
 
-    void setUrl(const wchar_t*, const wchar_t*, const wchar_t*) override {}
-    void setVersion(const wchar_t*) override {}
-    const wchar_t* getVersion() override { return L""; }
-    void setName(const wchar_t*) override {}
-    const wchar_t* getName() override { return L""; }
-    void setDate(const wchar_t*) override {}
-    const wchar_t* getDate() override { return L""; }
-    void setBlockId(int32_t) override {}
-    int32_t getBlockId() override { return 0; }
-    void setBlockCount(int32_t) override {}
-    int32_t getBlockCount() override { return 0; }
-    void clearTokens() override {}
-    void addToken(const wchar_t*) override {}
-    const wchar_t* getToken(int32_t) override { return L""; }
-    void clearQueries() override {}
-    void addQuery(const wchar_t*) override {}
-    const WStringList& getQueries() override { return empty_; }
-    void setCompressedSize(uint64_t) override {}
-    uint64_t getCompressedSize() override { return 0; }
-    void setUncompressedSize(uint64_t) override {}
-    uint64_t getUncompressedSize() override { return 0; }
-    void setState(uint32_t) override {}
-    uint32_t getState() override { return 0; }
-    void setStatus(uint32_t) override {}
-    uint32_t getStatus() override { return 0; }
-    void setDestDir(const wchar_t*) override {}
-    const wchar_t* getDestDir() override { return L""; }
-    void setExePath(const wchar_t*) override {}
-    const wchar_t* getExePath() override { return L""; }
-    void setExeParam(const wchar_t*) override {}
-    const wchar_t* getExeParam() override { return L""; }
-    void setAutoOpen(bool) override {}
-    bool getAutoOpen() override { return false; }
-    void setAuthParamName(const wchar_t*) override {}
-    const wchar_t* getAuthParamName() override { return L""; }
-    void setSessionParamName(const wchar_t*) override {}
-    const wchar_t* getSessionParamName() override { return L""; }
-    void setCheckpointDir(const wchar_t*) override {}
-    const wchar_t* getCheckpointDir() override { return L""; }
-    void setSaveInterval(uint64_t) override {}
-    uint64_t getSaveInterval() override { return 0; }
-    const wchar_t* getOriginalUrl() override { return L""; }
-    void setOriginalUrl(const wchar_t*) override {}
-    const WStringList& getUrls() override { return empty_; }
-    void setUrls(const wchar_t*) override {}
-    const wchar_t* getUrlPath() override { return L""; }
-    const wchar_t* getQuery() override { return L""; }
-    uint64_t getTotalDownloadedSize() override { return 0; }
-    void setTotalDownloadedSize(uint64_t) override {}
-    uint64_t getExtractedSize() override { return 0; }
-    void setExtractedSize(uint64_t) override {}
-
     int nextBlockCallsAtEnd = 0;
-
-private:
-    WStringList empty_;
 };
 
 struct CheckpointCall {
