@@ -1,6 +1,5 @@
 // Does the candidate proxy want credentials, and which ones does it accept? Found out with a HEAD
 // request through the proxy, retried with credentials after each 407.
-#include <cstdarg>
 
 #include "proxy/ProxyLogger.h"
 #include "proxy/ProxyManagerImplWin.h"
@@ -10,14 +9,6 @@
 namespace QRVL::ProxyManager {
 
 namespace {
-
-void Log(int level, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    ProxyLogger::LogV(level, format, args);
-    va_end(args);
-}
 
 constexpr DWORD kProxyAuthRequired = 407;
 // Each round either needs a new answer from the user or follows a resend demand of WinHTTP; a proxy

@@ -3,7 +3,6 @@
 #include <windows.h>
 #include <wincred.h>
 
-#include <cstdarg>
 
 #include "common/Win32Raii.h"
 #include "proxy/ProxyLogger.h"
@@ -13,14 +12,6 @@
 namespace QRVL::ProxyManager {
 
 namespace {
-
-void Log(int level, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    ProxyLogger::LogV(level, format, args);
-    va_end(args);
-}
 
 struct CredentialTraits {
     using type = PCREDENTIALW;

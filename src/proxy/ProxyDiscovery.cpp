@@ -1,6 +1,5 @@
 // Where the proxy list comes from: Internet Explorer settings (WPAD, PAC script, manual proxy), then
 // the machine's default WinHTTP configuration. Bypass lists are only logged, never applied.
-#include <cstdarg>
 
 #include "proxy/ProxyLogger.h"
 #include "proxy/ProxyManagerImplWin.h"
@@ -10,14 +9,6 @@
 namespace QRVL::ProxyManager {
 
 namespace {
-
-void Log(int level, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    ProxyLogger::LogV(level, format, args);
-    va_end(args);
-}
 
 bool HasText(const wchar_t* text) { return text && *text; }
 

@@ -40,4 +40,11 @@ public:
     static std::wstring SystemErrorText(unsigned long error);
 };
 
+// Shorthand used throughout the subsystem.
+template <typename... Args>
+void Log(int level, const char* format, Args... args)
+{
+    ProxyLogger::Log(level, format, args...);
+}
+
 } // namespace QRVL::ProxyManager

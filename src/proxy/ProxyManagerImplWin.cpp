@@ -7,14 +7,6 @@ namespace QRVL::ProxyManager {
 
 namespace {
 
-void Log(int level, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    ProxyLogger::LogV(level, format, args);
-    va_end(args);
-}
-
 const char* OrEmpty(const char* text) { return text ? text : ""; }
 
 void ReleaseStrings(ProxyInfo* out)

@@ -1,6 +1,5 @@
 // From a WinHTTP proxy list ("http=a:80;https=b:443", "a:8080;b") to the ordered (server, port)
 // candidates for the request URL's scheme.
-#include <cstdarg>
 #include <regex>
 
 #include "proxy/ProxyLogger.h"
@@ -10,14 +9,6 @@
 namespace QRVL::ProxyManager {
 
 namespace {
-
-void Log(int level, const char* format, ...)
-{
-    va_list args;
-    va_start(args, format);
-    ProxyLogger::LogV(level, format, args);
-    va_end(args);
-}
 
 constexpr auto kSyntax = std::regex_constants::ECMAScript | std::regex_constants::icase;
 
