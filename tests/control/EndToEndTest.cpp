@@ -132,6 +132,28 @@ TEST_F(EndToEnd, AMultiBlockPackageSurvivesAConnectionResetInItsFirstBlock)
     EXPECT_GE(states.indexOf(d, state::Init), 0);
 }
 
+TEST_F(EndToEnd, AMultiBlockPackageGetsPastServerErrorsOnItsSecondBlock)
+{
+    // The first two requests for the second block are answered 500; later ones are served.
+    const std::wstring www = e2e::servedFolder() + L"\\..\\www";
+    for (int i = 1; i <= 3; ++i) {
+        const std::wstring name = L"multi_00" + std::to_wstring(i) + L"_003.tar.lzma2";
+        ASSERT_TRUE(CopyFileW(served(name).c_str(), (www + L"\\err" + name).c_str(), FALSE));
+    }
+    const std::wstring key = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
+    DownloadRequest* r = request(L"x");
+    r->setUrl((L"http://localhost:" + std::to_wstring(qvtest::port(1)) +
+               L"/file/errmulti_001_003.tar.lzma2?err=500&on=_002_&times=2&key=" + key)
+                  .c_str(),
+              nullptr, nullptr);
+    Download* d = manager->addDownload(r);
+    ASSERT_NE(d, nullptr);
+    ASSERT_EQ(d->getRequest()->getBlockCount(), 3);
+    ASSERT_TRUE(manager->startDownload(d));
+    ASSERT_TRUE(reaches(d, state::Completed)) << std::hex << d->getState() << " " << d->getStatus();
+    EXPECT_TRUE(e2e::sameTree(served(L"pkgsrc"), dest));
+}
+
 TEST_F(EndToEnd, ASingleBlockPackageUnpacksIntoADestinationThatHasTheFoldersAlready)
 {
     // Same-named folders in the destination are merged into, not left behind in the working folder.
