@@ -54,6 +54,28 @@ protected:
     }
     std::wstring served(const std::wstring& name) { return e2e::servedFolder() + L"\\" + name; }
 
+    // Starts the three-block package through the fault server with the given fault options; the
+    // blocks are copied under a name of their own, and a fresh key makes the fault counts this run's.
+    Download* startThroughFaultServer(const std::wstring& prefix, const std::wstring& faults)
+    {
+        const std::wstring www = e2e::servedFolder() + L"\\..\\www";
+        for (int i = 1; i <= 3; ++i) {
+            const std::wstring name = L"multi_00" + std::to_wstring(i) + L"_003.tar.lzma2";
+            if (!CopyFileW(served(name).c_str(), (www + L"\\" + prefix + name).c_str(), FALSE))
+                return nullptr;
+        }
+        const std::wstring key = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
+        DownloadRequest* r = request(L"x");
+        r->setUrl((L"http://localhost:" + std::to_wstring(qvtest::port(1)) + L"/file/" + prefix +
+                   L"multi_001_003.tar.lzma2?" + faults + L"&key=" + key)
+                      .c_str(),
+                  nullptr, nullptr);
+        Download* d = manager->addDownload(r);
+        if (!d || d->getRequest()->getBlockCount() != 3 || !manager->startDownload(d))
+            return nullptr;
+        return d;
+    }
+
     qvtest::ScratchDir scratch{L"control-e2e"};
     std::wstring dest;
     DownloadMgr* manager = nullptr;
@@ -109,23 +131,9 @@ TEST_F(EndToEnd, AMultiBlockPackageUnpacksByteIdenticalAndReadsItsLaunchFile)
 
 TEST_F(EndToEnd, AMultiBlockPackageSurvivesAConnectionResetInItsFirstBlock)
 {
-    // The fault server serves the shared folder; the first two requests naming this key (the URL check
-    // and the first GET) are reset 3,000,000 bytes into the file.
-    const std::wstring www = e2e::servedFolder() + L"\\..\\www";
-    for (int i = 1; i <= 3; ++i) {
-        const std::wstring name = L"multi_00" + std::to_wstring(i) + L"_003.tar.lzma2";
-        ASSERT_TRUE(CopyFileW(served(name).c_str(), (www + L"\\ctl" + name).c_str(), FALSE));
-    }
-    const std::wstring key = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
-    DownloadRequest* r = request(L"x");
-    r->setUrl((L"http://localhost:" + std::to_wstring(qvtest::port(1)) +
-               L"/file/ctlmulti_001_003.tar.lzma2?rst=3000000&times=2&key=" + key)
-                  .c_str(),
-              nullptr, nullptr);
-    Download* d = manager->addDownload(r);
+    // The first two requests (the URL check and the first GET) are reset 3,000,000 bytes into the file.
+    Download* d = startThroughFaultServer(L"ctl", L"rst=3000000&times=2");
     ASSERT_NE(d, nullptr);
-    ASSERT_EQ(d->getRequest()->getBlockCount(), 3);
-    ASSERT_TRUE(manager->startDownload(d));
     ASSERT_TRUE(reaches(d, state::Completed)) << std::hex << d->getState() << " " << d->getStatus();
     EXPECT_TRUE(e2e::sameTree(served(L"pkgsrc"), dest));
     // The reset was met: the reconnect made the manager re-initialise the download on the way.
@@ -135,21 +143,8 @@ TEST_F(EndToEnd, AMultiBlockPackageSurvivesAConnectionResetInItsFirstBlock)
 TEST_F(EndToEnd, AMultiBlockPackageGetsPastServerErrorsOnItsSecondBlock)
 {
     // The first two requests for the second block are answered 500; later ones are served.
-    const std::wstring www = e2e::servedFolder() + L"\\..\\www";
-    for (int i = 1; i <= 3; ++i) {
-        const std::wstring name = L"multi_00" + std::to_wstring(i) + L"_003.tar.lzma2";
-        ASSERT_TRUE(CopyFileW(served(name).c_str(), (www + L"\\err" + name).c_str(), FALSE));
-    }
-    const std::wstring key = std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(GetTickCount());
-    DownloadRequest* r = request(L"x");
-    r->setUrl((L"http://localhost:" + std::to_wstring(qvtest::port(1)) +
-               L"/file/errmulti_001_003.tar.lzma2?err=500&on=_002_&times=2&key=" + key)
-                  .c_str(),
-              nullptr, nullptr);
-    Download* d = manager->addDownload(r);
+    Download* d = startThroughFaultServer(L"err", L"err=500&on=_002_&times=2");
     ASSERT_NE(d, nullptr);
-    ASSERT_EQ(d->getRequest()->getBlockCount(), 3);
-    ASSERT_TRUE(manager->startDownload(d));
     ASSERT_TRUE(reaches(d, state::Completed)) << std::hex << d->getState() << " " << d->getStatus();
     EXPECT_TRUE(e2e::sameTree(served(L"pkgsrc"), dest));
 }

@@ -676,4 +676,28 @@ private:
     StageThread thread_;
 };
 
+// Ends the run the way the manager does when an error event arrives: abort.
+template <typename AnyRig>
+void abortOnErrorEvents(AnyRig& rig)
+{
+    rig.events.onEvent = [&rig](const RecordedEvent& e) {
+        if (e.kind == qvdlm::event::Error) {
+            rig.job.state = qvdlm::state::Aborting;
+            rig.job.stop = true;
+        }
+    };
+}
+
+// Sets an environment variable for one scope.
+class ScopedEnv {
+public:
+    ScopedEnv(const wchar_t* name, const wchar_t* value) : name_(name) { SetEnvironmentVariableW(name, value); }
+    ~ScopedEnv() { SetEnvironmentVariableW(name_, nullptr); }
+    ScopedEnv(const ScopedEnv&) = delete;
+    ScopedEnv& operator=(const ScopedEnv&) = delete;
+
+private:
+    const wchar_t* name_;
+};
+
 } // namespace fakes

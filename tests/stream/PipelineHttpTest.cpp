@@ -14,6 +14,8 @@
 
 using fakes::EventRecorder;
 using fakes::FakeControlThread;
+using fakes::ScopedEnv;
+using fakes::abortOnErrorEvents;
 using fakes::FakeJob;
 using fakes::FakeRequest;
 using fakes::kTimedOut;
@@ -107,25 +109,6 @@ struct HttpRig {
         EXPECT_TRUE(qvtest::readFile(output, bytes));
         return bytes;
     }
-};
-
-void abortOnErrorEvents(HttpRig& rig)
-{
-    rig.events.onEvent = [&rig](const fakes::RecordedEvent& e) {
-        if (e.kind == event::Error) {
-            rig.job.state = state::Aborting;
-            rig.job.stop = true;
-        }
-    };
-}
-
-class ScopedEnv {
-public:
-    ScopedEnv(const wchar_t* name, const wchar_t* value) : name_(name) { SetEnvironmentVariableW(name, value); }
-    ~ScopedEnv() { SetEnvironmentVariableW(name_, nullptr); }
-
-private:
-    const wchar_t* name_;
 };
 
 } // namespace

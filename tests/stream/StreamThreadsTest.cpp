@@ -30,6 +30,8 @@ namespace {
 using fakes::FakeControlThread;
 using fakes::kTimedOut;
 using fakes::Rig;
+using fakes::ScopedEnv;
+using fakes::abortOnErrorEvents;
 
 std::string inverted(std::string bytes)
 {
@@ -37,27 +39,6 @@ std::string inverted(std::string bytes)
         c = static_cast<char>(~static_cast<unsigned char>(c));
     return bytes;
 }
-
-// Ends the run the way the manager does when an error event arrives: abort.
-void abortOnErrorEvents(Rig& rig)
-{
-    rig.events.onEvent = [&rig](const fakes::RecordedEvent& e) {
-        if (e.kind == event::Error) {
-            rig.job.state = state::Aborting;
-            rig.job.stop = true;
-        }
-    };
-}
-
-// Sets an environment variable for one scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const wchar_t* name, const wchar_t* value) : name_(name) { SetEnvironmentVariableW(name, value); }
-    ~ScopedEnv() { SetEnvironmentVariableW(name_, nullptr); }
-
-private:
-    const wchar_t* name_;
-};
 
 } // namespace
 
