@@ -15,6 +15,7 @@
 #include "QvDLMCodes.h"
 #include "common/Win32Raii.h"
 #include "request/DownloadRequestImp.h"
+#include "request/StoreBackup.h"
 
 namespace {
 
@@ -169,6 +170,7 @@ bool DownloadRequestLogImp::open(const wchar_t* path)
     } catch (const std::exception&) {
         return false;
     }
+    StoreBackup::recover(path_);
     ensureFile();
     return !path_.empty();
 }
@@ -233,6 +235,8 @@ bool DownloadRequestLogImp::add(DownloadRequest* request)
         return true;
     if (!ensureFile())
         return true;
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
 
     try {
         std::wstring urls;
@@ -296,6 +300,8 @@ bool DownloadRequestLogImp::remove(const wchar_t* section)
     if (path_.empty() || !section)
         return false;
     const std::wstring name = oneLine(section);
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
     // A damaged file can hold the same section more than once; the profile functions delete one per call.
     wchar_t keys[4];
     for (int round = 0; round < kMaxSectionCopies; ++round) {
@@ -498,6 +504,8 @@ bool DownloadRequestLogImp::saveLaunch(DownloadRequest* request)
         return false;
     if (!ensureFile())
         return true;
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
     const std::wstring s = oneLine(request->getId());
     write(s.c_str(), L"EXE_PATH", request->getExePath());
     write(s.c_str(), L"EXE_PARAM", request->getExeParam());
@@ -511,6 +519,8 @@ bool DownloadRequestLogImp::saveDestDir(DownloadRequest* request)
         return false;
     if (!ensureFile())
         return true;
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
     write(oneLine(request->getId()).c_str(), L"DEST_DIR", request->getDestDir());
     return true;
 }
@@ -529,6 +539,8 @@ bool DownloadRequestLogImp::saveState(DownloadRequest* request, uint32_t state)
         return false;
     if (!ensureFile())
         return true;
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
     writeStoredState(request, state);
     const std::wstring s = oneLine(request->getId());
     if (state == qvdlm::state::Aborting) {
@@ -551,6 +563,8 @@ bool DownloadRequestLogImp::saveProgress(DownloadRequest* request, uint32_t stat
         return false;
     if (!ensureFile())
         return true;
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
     const std::wstring s = oneLine(request->getId());
     write(s.c_str(), L"BLOCK_ID", std::to_wstring(request->getBlockId()));
     write(s.c_str(), L"BLOCK_DOWNLOADED_SIZE", std::to_wstring(request->getBlockDownloadedSize()));
@@ -568,6 +582,8 @@ bool DownloadRequestLogImp::saveUseAkamai(DownloadRequest* request)
         return false;
     if (!ensureFile())
         return true;
+    const qv::CsLock hold(lock_);
+    const StoreBackup backup(path_);
     write(oneLine(request->getId()).c_str(), L"USE_AKAMAI", flag(request->getUseAkamai()));
     return true;
 }

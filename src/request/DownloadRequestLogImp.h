@@ -1,11 +1,13 @@
 // The request store: one UTF-16 INI file ("download.info") with a section per request, read and written
-// only through the private-profile functions. It keeps no cache: the file is the state.
+// only through the private-profile functions. It keeps no cache: the file is the state. A writer that
+// dies in the middle of an operation loses that operation only (StoreBackup).
 #pragma once
 
 #include <cstdint>
 #include <string>
 
 #include "DownloadRequestLog.h"
+#include "common/Win32Raii.h"
 
 class DownloadRequestLogImp final : public DownloadRequestLog {
 public:
@@ -48,4 +50,6 @@ private:
     bool loadBody(const wchar_t* section, DownloadRequest* request);
 
     std::wstring path_;
+    // One write operation at a time, each with its backup of the file (StoreBackup).
+    qv::CriticalSection lock_;
 };

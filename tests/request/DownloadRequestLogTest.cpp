@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "QvDLMCodes.h"
+#include "common/Win32Raii.h"
 #include "request/DownloadRequestImp.h"
 #include "request/DownloadRequestLogImp.h"
 #include "support/TestSupport.h"
@@ -664,4 +665,57 @@ TEST_F(StoreTest, DamagedStateRemovesTheSection)
     ASSERT_NE(loaded.only(), nullptr);
     EXPECT_STREQ(loaded.only()->getId(), L"http://h.example/ok");
     EXPECT_EQ(raw(L"http://h.example/s", L"NAME"), L"<absent>");
+}
+
+// A writer that dies while the profile functions rewrite the file leaves its copy of the file as it
+// was before that write; the next open puts the copy back instead of loading a cut file.
+TEST_F(StoreTest, AStoreCutByAWriterThatDiedComesBackFromItsBackup)
+{
+    ASSERT_TRUE(store_.open(path_.c_str()));
+    const auto request = exampleRequest();
+    ASSERT_TRUE(store_.add(request.get()));
+    const std::wstring backup = path_ + L".bak";
+    ASSERT_TRUE(CopyFileW(path_.c_str(), backup.c_str(), FALSE));
+    ASSERT_TRUE(writeStore(path_, L"[Preferences]\r\nVERSION=1.2\r\n"));
+
+    DownloadRequestLogImp next;
+    ASSERT_TRUE(next.open(path_.c_str()));
+    LoadedSet loaded;
+    ASSERT_TRUE(next.loadAll(loaded.requests));
+    ASSERT_NE(loaded.only(), nullptr);
+    EXPECT_STREQ(loaded.only()->getId(), request->getId());
+    EXPECT_EQ(loaded.only()->getCheckpointId(), 17u);
+    EXPECT_FALSE(qvtest::fileExists(backup));
+}
+
+TEST_F(StoreTest, ABackupHeldByALivingWriterIsLeftAlone)
+{
+    ASSERT_TRUE(store_.open(path_.c_str()));
+    const auto request = exampleRequest();
+    ASSERT_TRUE(store_.add(request.get()));
+    const std::wstring backup = path_ + L".bak";
+    ASSERT_TRUE(CopyFileW(path_.c_str(), backup.c_str(), FALSE));
+    qv::UniqueFile held(CreateFileW(backup.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    ASSERT_TRUE(held);
+    ASSERT_TRUE(writeStore(path_, L"[Preferences]\r\nVERSION=1.2\r\n"));
+
+    DownloadRequestLogImp other;
+    ASSERT_TRUE(other.open(path_.c_str()));
+    EXPECT_EQ(sectionNames(), std::vector<std::wstring>{L"Preferences"}) << "a living writer's file is not rolled back";
+    held.reset();
+    EXPECT_TRUE(qvtest::fileExists(backup));
+}
+
+TEST_F(StoreTest, WritesLeaveNoBackupBehind)
+{
+    ASSERT_TRUE(store_.open(path_.c_str()));
+    const auto request = exampleRequest();
+    ASSERT_TRUE(store_.add(request.get()));
+    ASSERT_TRUE(store_.saveProgress(request.get(), qvdlm::state::Play, 18));
+    ASSERT_TRUE(store_.saveState(request.get(), qvdlm::state::Paused));
+    EXPECT_EQ(raw(request->getId(), L"CHKPT_ID"), L"18");
+    EXPECT_FALSE(qvtest::fileExists(path_ + L".bak"));
+    EXPECT_FALSE(qvtest::fileExists(path_ + L".bak.tmp"));
+    ASSERT_TRUE(store_.remove(request->getId()));
+    EXPECT_FALSE(qvtest::fileExists(path_ + L".bak"));
 }

@@ -24,7 +24,7 @@ import urllib.request
 import zlib
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-PACKAGE_VERSION = "soak-package-1"
+PACKAGE_VERSION = "soak-package-2"
 BLOCKS = 6
 SAVE_INTERVAL = 1024 * 1024
 RATE = 12 * 1024 * 1024
@@ -113,7 +113,8 @@ def make_package(work):
     shutil.rmtree(src, ignore_errors=True)
     shutil.rmtree(www, ignore_errors=True)
     make_tree(src)
-    tar = subprocess.run(["tar", "--format=gnu", "--sort=name", "--owner=0", "--group=0", "-C", src, "-cf", "-", "."],
+    tar = subprocess.run(["tar", "--format=gnu", "--sort=name", "--owner=0", "--group=0", "--numeric-owner",
+                          "--mtime=@1577836800", "-C", src, "-cf", "-", "."],
                          check=True, stdout=subprocess.PIPE).stdout
     package = b"\x16" + lzma2(tar)  # the property byte of an 8 MiB dictionary
     rnd = random.Random(78)
@@ -305,9 +306,9 @@ def run_once(args, server, src, index, seed, mix, deadline):
     stream = [e for e in events if e not in kills]
     log("run %d: seed %d mix %s, package %d bytes in %d blocks" % (index, seed, mix, total, len(server.sizes)))
     log("  replay: tests/soak/run --seed %d --mix %s" % (seed, mix))
-    log("  schedule: " + ", ".join("%s+%.2fs" % (e["kind"], e["delay"]) if e["kind"] == "early" else
-                                   "%s@%d" % (e["kind"], e["at"]) for e in events) +
-        "".join(", http500x%d@block%d" % (a["count"], a["block"] + 1) for a in answers))
+    log("  schedule: " + ", ".join(["%s+%.2fs" % (e["kind"], e["delay"]) if e["kind"] == "early" else
+                                    "%s@%d" % (e["kind"], e["at"]) for e in events] +
+                                   ["http500x%d@block%d" % (a["count"], a["block"] + 1) for a in answers]))
 
     run_dir = os.path.join(args.work, "run-%d-%d" % (index, seed))
     shutil.rmtree(run_dir, ignore_errors=True)
@@ -444,7 +445,7 @@ def run_once(args, server, src, index, seed, mix, deadline):
 
 def summary(all_faults, runs, seconds):
     log()
-    log("soak summary: %d runs, every tree identical, %.1f s" % (runs, seconds))
+    log("soak summary: %d runs finished with an identical tree, %.1f s" % (runs, seconds))
     log("  %-10s %6s %16s %16s %10s %10s" % ("fault", "count", "again mean", "again max", "s mean", "s max"))
     for kind in KILLS + ("fin", "rst", "stall", "http500", "none"):
         rows = [f for f in all_faults if f["kind"] == kind]
@@ -500,17 +501,30 @@ def main():
         log("SOAK FAILED: %s" % failure)
         return 1
     all_faults = []
+    failures = []
+    finished = 0
     try:
         log("soak: %d runs, budget %d s, server on 127.0.0.1:%d, rate %d B/s per response"
             % (len(runs), budget, args.port, RATE))
         for index, (seed, mix) in enumerate(runs, 1):
-            all_faults += run_once(args, server, src, index, seed, mix, deadline)
-        summary(all_faults, len(runs), time.monotonic() - began)
-    except SoakFailure as failure:
-        log("SOAK FAILED: %s" % failure)
-        return 1
+            if time.monotonic() > deadline:
+                failures.append("out of time before run %d" % index)
+                break
+            # A failed run is reported and the others still run: one soak shows every failing seed.
+            try:
+                all_faults += run_once(args, server, src, index, seed, mix, deadline)
+                finished += 1
+            except SoakFailure as failure:
+                log("  RUN FAILED: %s" % failure)
+                failures.append(str(failure))
+        summary(all_faults, finished, time.monotonic() - began)
     finally:
         server.stop()
+    if failures:
+        log("SOAK FAILED: %d of %d runs" % (len(failures), len(runs)))
+        for failure in failures:
+            log("  " + failure.splitlines()[0])
+        return 1
     return 0
 
 

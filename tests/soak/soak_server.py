@@ -17,7 +17,7 @@ Control requests (loopback only, never faulted):
                                         seconds until a later request sent past the fault's point; faults
                                         armed but not fired
 
-Served again = bytes sent below the high-water mark (the furthest global offset ever sent), charged
+The server ends with the process that started it (the soak). Served again = bytes sent below the high-water mark (the furthest global offset ever sent), charged
 to the latest fault.
 """
 import http.server
@@ -268,7 +268,15 @@ class Server(http.server.ThreadingHTTPServer):
         pass
 
 
+def watch_parent(parent):
+    # Started by the soak alone: when the soak is gone (killed by a time-out), so is the server.
+    while os.getppid() == parent:
+        time.sleep(1)
+    os._exit(0)
+
+
 def main():
+    threading.Thread(target=watch_parent, args=(os.getppid(),), daemon=True).start()
     server = Server(("127.0.0.1", PORT), Handler)
     with open(PIDFILE, "w") as f:
         f.write(str(os.getpid()))
