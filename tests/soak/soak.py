@@ -33,7 +33,7 @@ SILENCE_LIMIT_S = 30      # the driver prints at least twice a second
 MAX_EXTRA_PROCESSES = 3   # processes beyond one per kill plus the last
 
 # (seed, mix) per run. A mix counts k kills (TerminateProcess or SIGKILL once the server has sent past
-# a point), e early kills (SIGKILL of the next process while it restores), f FIN drops, r resets,
+# a point), e early kills (SIGKILL of the next process just after it restored its download), f FIN drops, r resets,
 # s stalls, h blocks whose first request is answered 500, H blocks whose first two requests are.
 SHORT_RUNS = [(4101, "k3f1r1s1h1"), (4102, "k1e1f1r1H1")]
 FULL_SEEDS = [5001 + i for i in range(20)]
@@ -222,7 +222,7 @@ def parse_mix(mix):
 
 def make_schedule(seed, mix, total, block_count):
     """Kill points and stream faults at global offsets, all apart, and the 500 answers. Early kills
-    come right after another kill: the restarted process is killed again while it restores."""
+    come right after another kill: the restarted process is killed again just after its restore."""
     counts = parse_mix(mix)
     rnd = random.Random(seed)
     kinds = ["kill"] * counts["k"] + ["fin"] * counts["f"] + ["rst"] * counts["r"] + ["stall"] * counts["s"]
@@ -248,7 +248,7 @@ def make_schedule(seed, mix, total, block_count):
     if counts["e"] and not kills:
         raise SoakFailure("early kills need a kill before them")
     for after in sorted(rnd.choices(kills, k=counts["e"]), reverse=True):
-        events.insert(after + 1, {"kind": "early", "at": events[after]["at"], "delay": round(rnd.uniform(0.3, 2.5), 2)})
+        events.insert(after + 1, {"kind": "early", "at": events[after]["at"], "delay": round(rnd.uniform(0.0, 0.4), 2)})
     answers = []
     wanted = [1] * counts["h"] + [2] * counts["H"]
     if len(wanted) > block_count - 1:
@@ -343,6 +343,7 @@ def run_once(args, server, src, index, seed, mix, deadline):
         last_seen = started
         held = 0
         restored = "-"  # no restore line yet
+        restored_at = None
         killed = False
         while True:
             now = time.monotonic()
@@ -355,7 +356,7 @@ def run_once(args, server, src, index, seed, mix, deadline):
                 # A kill point counts once the server has sent past it, and only to a process that
                 # has fetched something new itself, so that every process moves the download on.
                 if target["kind"] == "early":
-                    due = now - started >= target["delay"]
+                    due = restored_at is not None and now - restored_at >= target["delay"]
                 else:
                     high = int(server.control("/__high"))
                     due = high >= target["at"] and (high > high_at_start or
@@ -378,6 +379,7 @@ def run_once(args, server, src, index, seed, mix, deadline):
                 held = int(line.split()[1])
             elif line.startswith("R "):
                 restored = line.split()[1]
+                restored_at = time.monotonic()
             elif line.startswith("KILL "):
                 held = int(line.split()[1])
                 break

@@ -65,9 +65,13 @@ class Ledger:
             self.faults.append(record)
             return record
 
-    def fault_in(self, begin, length):
-        """The armed stream fault that lies in [begin, begin + length) of new ground, taken off the list."""
+    def fault_in(self, begin, length, serial):
+        """The armed stream fault that lies in [begin, begin + length) of new ground, taken off the list.
+        Only a request made after the latest fault meets one: a killed client's connection may still be
+        draining, and its bytes belong to the kill."""
         with self.lock:
+            if serial <= self.faults[-1]["serial"]:
+                return None
             for item in self.armed:
                 kind, at = item
                 if begin <= at < begin + length and at >= self.high:
@@ -216,7 +220,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 f.seek(start)
                 while sent < length:
                     n = min(CHUNK, length - sent)
-                    fault = ledger.fault_in(base + start + sent, n)
+                    fault = ledger.fault_in(base + start + sent, n, serial)
                     if fault:
                         n = fault[1] - (base + start + sent)
                     if n > 0:
