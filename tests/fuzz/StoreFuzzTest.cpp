@@ -131,15 +131,25 @@ TEST(StoreFuzz, DamagedStoresRestoreEveryIntactRequest)
         const std::wstring path = folder + L"\\download.info";
 
         // Good sections first, then the victim (damage stays inside it), then maybe a duplicate.
-        const int good = 1 + static_cast<int>(rng.below(4));
+        // Flavours: 0 bad values, 1 no byte-order mark, 2-4 damage inside the victim, 5 damage
+        // anywhere (only survival counts), 6 many sections.
+        const uint64_t flavour = rng.below(7);
+        const int good = flavour == 6 ? 100 + static_cast<int>(rng.below(300)) : 1 + static_cast<int>(rng.below(4));
         std::vector<Section> sections;
         for (int i = 0; i < good; ++i)
-            sections.push_back(makeSection(folder, i, rng.pick(states)));
-        Section victim = makeSection(folder, 50, rng.pick(states));
-        std::string what;
-        const uint64_t flavour = rng.below(5);
-        if (flavour == 0)
+            sections.push_back(makeSection(folder, i, flavour == 6 ? state::Completed : rng.pick(states)));
+        Section victim = makeSection(folder, 5000, rng.pick(states));
+        std::string what = flavour == 6 ? " " + std::to_string(good) + " sections" : "";
+        if (flavour == 0) {
             badValue(rng, victim, what);
+            if (rng.chance(30)) { // a section name far beyond any buffer
+                victim.id += L"?" + std::wstring(static_cast<size_t>(5000 + rng.below(60000)), L'q');
+                for (auto& kv : victim.keys)
+                    if (kv.first == L"ORIGINAL_URL" || kv.first == L"URLS")
+                        kv.second = victim.id;
+                what += " long section name";
+            }
+        }
 
         std::wstring head = storeHead(folder);
         for (const Section& s : sections)
@@ -162,7 +172,10 @@ TEST(StoreFuzz, DamagedStoresRestoreEveryIntactRequest)
             what += " ANSI without byte-order mark";
         } else {
             file = "\xFF\xFE" + bytesOf(head + victimText + tail);
-            if (flavour >= 2) {
+            if (flavour == 5) {
+                const auto kind = static_cast<fuzz::Damage>(rng.below(static_cast<uint64_t>(fuzz::Damage::Count)));
+                what += " " + fuzz::damage(file, rng, kind, rng.chance(10) ? 0 : 2, file.size());
+            } else if (flavour >= 2 && flavour <= 4) {
                 const size_t from = 2 + bytesOf(head).size() + bytesOf(L"[" + victim.id + L"]\r\n").size();
                 const size_t to = 2 + bytesOf(head + victimText).size() - 4;
                 const auto kind = static_cast<fuzz::Damage>(rng.below(static_cast<uint64_t>(fuzz::Damage::Count)));
@@ -174,7 +187,8 @@ TEST(StoreFuzz, DamagedStoresRestoreEveryIntactRequest)
         }
         SCOPED_TRACE("seed " + std::to_string(seed) + ":" + what);
         ASSERT_TRUE(qvtest::writeFile(path, file));
-        const bool readable = !(flavour == 1 && !ansi); // UTF-16 without its mark reads as nothing useful
+        // UTF-16 without its mark reads as nothing useful; damage anywhere may hit any section.
+        const bool readable = !(flavour == 1 && !ansi) && flavour != 5;
 
         ASSERT_TRUE(store->open(path.c_str()));
         DownloadMgr* manager = QvDLM::createDownloadMgr();

@@ -41,6 +41,9 @@ const char* const kHostileNames[] = {
     "sub/qvfuzz:ads",        "\\\\?\\C:\\qvfuzz",      "\\\\.\\C:\\qvfuzz",    "\\\\server\\share\\qvfuzz",
     "..",                    "sub/ . /qvfuzz",         "...",                  "sub/.. /qvfuzz",
     "../dest-qvfuzz",        "./../qvfuzz",            "//qvfuzz",             "sub/../../dest2/qvfuzz",
+    // Reserved device names lead to a device, not to a file of the destination.
+    "CON",                   "sub/nul",                "aux.txt",              "COM1",
+    "sub/lpt1.qvfuzz",       "PRN.tar",                "conin$",               "sub/CONOUT$",
 };
 // Link targets that lead out of the destination.
 const char* const kHostileTargets[] = {

@@ -45,9 +45,11 @@ std::wstring oneUrl(fuzz::Rng& rng)
     static const wchar_t* const hosts[] = {L"localhost", L"LOCALHOST", L"127.0.0.1", L"qvfuzz.invalid",
                                            L"localhost.invalid", L"[::1]", L"", L"user:pw@localhost",
                                            L"localhost@qvfuzz.invalid", L"qvfuzz.invalid?localhost"};
-    std::wstring url = rng.pick(schemes);
-    url += rng.pick(hosts);
-    switch (rng.below(8)) {
+    // Most URLs pass the host test, so that the manager and the probe see them too.
+    const bool wellFormed = rng.chance(60);
+    std::wstring url = wellFormed ? (rng.chance(70) ? L"http://" : L"https://") : rng.pick(schemes);
+    url += wellFormed ? (rng.chance(80) ? L"localhost" : L"LocalHost") : rng.pick(hosts);
+    switch (wellFormed ? 7 : rng.below(8)) {
     case 0: break;
     case 1: url += L":0"; break;
     case 2: url += L":65536"; break;
@@ -79,7 +81,7 @@ void addNoise(fuzz::Rng& rng, std::wstring& url)
             noise += static_cast<wchar_t>(rng.chance(20) ? 0 : 1 + rng.below(31));
         break;
     case 1: // far beyond any buffer
-        noise.assign(static_cast<size_t>(300 + rng.below(70000)), L"a%/;,?&"[rng.below(7)]);
+        noise.assign(static_cast<size_t>(rng.chance(10) ? 1000000 : 300 + rng.below(70000)), L"a%/;,?&"[rng.below(7)]);
         break;
     case 2: // outside ASCII, including lone surrogates and non-characters
         for (uint64_t i = 0, n = 1 + rng.below(8); i < n; ++i) {
@@ -172,6 +174,43 @@ TEST(UrlFuzz, MalformedUrlsGetClearCodesAndStayLocal)
     }
     std::printf("[fuzz] url: %d untrusted, %d added and removed\n", untrusted, added);
     EXPECT_GT(untrusted, 0);
+    QvDLM::destroy(manager);
+    store->open((root / L"..\\fuzz-url-store-unused.info").c_str());
+}
+
+TEST(UrlFuzz, ExtremeLengthsAreHandled)
+{
+    qvtest::ScratchDir root(L"fuzz-url-long");
+    DownloadRequestLog* store = DownloadRequestLog::getInstance();
+    ASSERT_TRUE(store->open((root / L"store\\download.info").c_str()));
+    DownloadMgr* manager = QvDLM::createDownloadMgr();
+    ASSERT_NE(nullptr, manager);
+    const std::wstring base = L"http://localhost:" + std::to_wstring(qvtest::port(19)) + L"/";
+    std::wstring blocks;
+    for (int i = 1; i <= 3000; ++i)
+        blocks += (i > 1 ? L";" : L"") + base + L"b" + std::to_wstring(i) + L".bin";
+    const std::wstring cases[] = {
+        base + std::wstring(1000000, L'a') + L".tar.lzma2",
+        base + L"p?" + std::wstring(1000000, L'&') + L"authparam=x",
+        base + L"pkg_001_" + std::wstring(100000, L'9') + L".tar.lzma2",
+        std::wstring(1000000, L';'),
+        blocks,
+    };
+    for (const std::wstring& url : cases) {
+        SCOPED_TRACE(qvtest::narrow(url.substr(0, 60)) + "... (" + std::to_string(url.size()) + " characters)");
+        DownloadRequest* request = QvDLM::createDownloadRequest();
+        ASSERT_NE(nullptr, request);
+        request->setUrl(url.c_str(), nullptr, nullptr);
+        request->setDestDir((root / L"dest").c_str());
+        EXPECT_GE(request->getBlockCount(), 0);
+        (void)request->getUrlPath();
+        const unsigned long code = validateUrl(request);
+        EXPECT_NE(static_cast<unsigned long>(validation::Ok), code);
+        if (Download* download = manager->addDownload(request)) {
+            EXPECT_TRUE(manager->removeDownload(download));
+            QvDLM::destroy(download);
+        }
+    }
     QvDLM::destroy(manager);
     store->open((root / L"..\\fuzz-url-store-unused.info").c_str());
 }
