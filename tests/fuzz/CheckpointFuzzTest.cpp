@@ -159,7 +159,7 @@ TEST_F(CheckpointFuzz, DamagedDecoderRecordsAreRefusedOrDecodeOnSafely)
     }
 
     int refused = 0;
-    for (const uint64_t seed : fuzz::seeds("checkpoint lzma", 24)) {
+    for (const uint64_t seed : fuzz::seeds("checkpoint lzma", 60)) {
         fuzz::Rng rng(seed);
         std::string bytes = good;
         bool cutShort = false;
@@ -221,7 +221,7 @@ TEST_F(CheckpointFuzz, DamagedTarRecordsNeverLeadOutOfTheDestination)
     }
 
     int refused = 0;
-    for (const uint64_t seed : fuzz::seeds("checkpoint tar", 24)) {
+    for (const uint64_t seed : fuzz::seeds("checkpoint tar", 60)) {
         fuzz::Rng rng(seed);
         std::string bytes = good;
         bool cutShort = false;
