@@ -60,13 +60,7 @@ struct PackageRig : fakes::Rig {
         }
         request.contentLength = static_cast<int64_t>(packed.size());
         request.blockLengths[0] = request.contentLength;
-        // As the manager does: an error aborts the download.
-        events.onEvent = [this](const fakes::RecordedEvent& e) {
-            if (e.kind == event::Error) {
-                job.state = qvdlm::state::Aborting;
-                job.stop = true;
-            }
-        };
+        fakes::abortOnErrorEvents(*this);
     }
 };
 
