@@ -522,6 +522,12 @@ int DownloadImp::loadCheckpoint(const wchar_t* name, unsigned* idOut, Stream* st
     if (!qv::CheckpointFiles::read(textOf(request_->getCheckpointDir()), id, name, bytes) ||
         bytes.size() < sizeof(StreamStateHeader))
         return false;
+    // The stages read as many bytes as the record's size field claims: a file cut short (or damaged
+    // there) must not let them read past it.
+    StreamStateHeader header;
+    std::memcpy(&header, bytes.data(), sizeof header);
+    if (header.size > bytes.size())
+        return false;
     if (idOut)
         *idOut = id;
     // The record is handed over in a zeroed block of its own, aligned for the stage's structure.

@@ -4,6 +4,7 @@
 
 #include "stream/PathUtil.h"
 #include "stream/TARStreamWriterImp.h"
+#include "stream/TarEntryPath.h"
 
 namespace {
 
@@ -74,5 +75,13 @@ bool TARStreamUnpackImp::restoreState(const StreamStateHeader* record)
         std::memcpy(folder.data(), bytes + kUnpackFixedSize, units * sizeof(wchar_t));
     if (folder.find(L'\0') != std::wstring::npos)
         return false;
-    return setDestinationFolder(folder.c_str());
+    if (canonical_.empty())
+        return setDestinationFolder(folder.c_str());
+    // The job sets the destination before it restores: a record that names another folder (damaged,
+    // or not this download's) must not move the extraction there.
+    while (!folder.empty() && (folder.back() == L'\\' || folder.back() == L'/'))
+        folder.pop_back();
+    if (folder.empty() || qv::normalizePath(folder) != 0)
+        return false;
+    return qv::tar::isInsideFolder(canonical_, folder, true) && qv::tar::isInsideFolder(folder, canonical_, true);
 }

@@ -202,6 +202,22 @@ TEST_F(CheckpointTest, LoadWithoutCheckpointOrFileAnswersFalse)
     EXPECT_FALSE(job->loadCheckpoint(nullptr, &id, &fresh));
 }
 
+TEST_F(CheckpointTest, ARecordCutShorterThanItClaimsIsRefused)
+{
+    request->setCheckpointId(12);
+    FakeStage fresh{L"f", {}};
+    unsigned id = 0;
+    const FakeStageRecord whole{sizeof(FakeStageRecord), 0, 77};
+    const std::string bytes(reinterpret_cast<const char*>(&whole), sizeof whole);
+    // The size field still claims the whole record; the stage would read past the file's end.
+    ASSERT_TRUE(qvtest::writeFile(dir + L"\\00000012_Http.chk", bytes.substr(0, 8)));
+    EXPECT_FALSE(job->loadCheckpoint(L"Http", &id, &fresh));
+    EXPECT_FALSE(fresh.restored);
+    ASSERT_TRUE(qvtest::writeFile(dir + L"\\00000012_Http.chk", bytes));
+    EXPECT_TRUE(job->loadCheckpoint(L"Http", &id, &fresh));
+    EXPECT_EQ(77u, fresh.value);
+}
+
 TEST_F(CheckpointTest, AFailingSnapshotWritesNothing)
 {
     class EmptyStage final : public StreamWriter {

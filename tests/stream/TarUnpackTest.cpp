@@ -2,6 +2,7 @@
 // times, attributes, failures and checkpoints.
 #include <gtest/gtest.h>
 
+#include <cwctype>
 #include <memory>
 #include <string>
 #include <vector>
@@ -519,6 +520,30 @@ TEST_F(TarUnpack, TheUnpackerRecordCarriesTheDestination)
     EXPECT_FALSE(other.unpacker()->restoreState(asRecord(cut)));
     ASSERT_TRUE(other.unpacker()->restoreState(asRecord(record)));
     EXPECT_EQ(std::wstring(other.unpacker()->destinationFolder()), dest_);
+}
+
+TEST_F(TarUnpack, ARecordOfAnotherFolderCannotMoveTheDestination)
+{
+    // A damaged checkpoint once named the sibling "des": extraction must stay where the job put it.
+    const std::wstring sibling = scratch_ / L"des";
+    TARStreamWriterImp elsewhere(sibling.c_str());
+    StreamUnpack* foreign = elsewhere.unpacker();
+    std::vector<uint8_t> record(foreign->saveState(nullptr, nullptr));
+    uint64_t capacity = record.size();
+    ASSERT_EQ(foreign->saveState(reinterpret_cast<StreamStateHeader*>(record.data()), &capacity), record.size());
+    EXPECT_FALSE(sink_->unpacker()->restoreState(asRecord(record)));
+    EXPECT_EQ(std::wstring(sink_->unpacker()->destinationFolder()), dest_);
+
+    // The same folder, written another way, is this download's own.
+    std::wstring upper = dest_ + L"\\";
+    for (wchar_t& c : upper)
+        c = static_cast<wchar_t>(std::towupper(c));
+    TARStreamWriterImp same(upper.c_str());
+    record.assign(same.unpacker()->saveState(nullptr, nullptr), 0);
+    capacity = record.size();
+    ASSERT_EQ(same.unpacker()->saveState(reinterpret_cast<StreamStateHeader*>(record.data()), &capacity), record.size());
+    EXPECT_TRUE(sink_->unpacker()->restoreState(asRecord(record)));
+    EXPECT_EQ(std::wstring(sink_->unpacker()->destinationFolder()), dest_);
 }
 
 TEST_F(TarUnpack, ACheckpointAtAnyPointContinuesIntoAnIdenticalTree)
