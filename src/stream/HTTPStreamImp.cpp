@@ -189,6 +189,8 @@ bool HTTPStreamImp::openRequest(const wchar_t* verb)
     connection_.reset(InternetConnectW(handleOf(session_), hostName_, port_, nullptr, nullptr, INTERNET_SERVICE_HTTP, 0, 0));
     if (!connection_)
         return failWithLastError();
+    if (!applyProxyCredentials())
+        return false;
 
     std::wstring object = urlPath_;
     object += extraInfo_;
@@ -259,22 +261,31 @@ HTTPStreamImp* HTTPStreamImp::openHead(bool send)
 {
     for (uint32_t pass = 1;; ++pass) {
         bool ok = openRequest(L"HEAD");
-        if (ok && haveProxyCredentials_) {
-            const HINTERNET connection = handleOf(connection_);
-            ok = InternetSetOptionA(connection, INTERNET_OPTION_PROXY_USERNAME, proxyUser_.data(),
-                                    static_cast<DWORD>(proxyUser_.size())) &&
-                 InternetSetOptionA(connection, INTERNET_OPTION_PROXY_PASSWORD, proxyPassword_.data(),
-                                    static_cast<DWORD>(proxyPassword_.size()));
-            if (!ok)
-                failWithLastError();
-        }
         if (ok && send)
             ok = sendRequest(0);
-        // A proxy that keeps refusing fresh credentials is not asked forever.
-        if (statusCode() != HTTP_STATUS_PROXY_AUTH_REQ || pass >= kMaxProxyAuthPasses || !lookUpProxyCredentials())
+        if (!shouldRetryForProxy(pass))
             return ok ? this : nullptr;
         closeHandles();
     }
+}
+
+bool HTTPStreamImp::shouldRetryForProxy(uint32_t pass)
+{
+    // A proxy that keeps refusing fresh credentials is not asked forever.
+    return statusCode() == HTTP_STATUS_PROXY_AUTH_REQ && pass < kMaxProxyAuthPasses && lookUpProxyCredentials();
+}
+
+bool HTTPStreamImp::applyProxyCredentials()
+{
+    if (!haveProxyCredentials_)
+        return true;
+    const HINTERNET connection = handleOf(connection_);
+    if (InternetSetOptionA(connection, INTERNET_OPTION_PROXY_USERNAME, proxyUser_.data(),
+                           static_cast<DWORD>(proxyUser_.size())) &&
+        InternetSetOptionA(connection, INTERNET_OPTION_PROXY_PASSWORD, proxyPassword_.data(),
+                           static_cast<DWORD>(proxyPassword_.size())))
+        return true;
+    return failWithLastError();
 }
 
 bool HTTPStreamImp::lookUpProxyCredentials()
@@ -324,18 +335,20 @@ bool HTTPStreamImp::sendRequest(int64_t length)
 HTTPStreamImp* HTTPStreamImp::reconnect()
 {
     close();
-    if (!open(false)) {
-        const uint32_t status = lastStatus_;
-        close();
-        lastStatus_ = status;
-        return nullptr;
-    }
-    seek(position_, 0);
-    if (!sendRequest(kOpenEnded)) {
-        const uint32_t status = lastStatus_;
-        close();
-        lastStatus_ = status;
-        return nullptr;
+    for (uint32_t pass = 1;; ++pass) {
+        bool ok = open(false) != nullptr;
+        if (ok) {
+            seek(position_, 0);
+            ok = sendRequest(kOpenEnded);
+        }
+        if (!ok) {
+            const uint32_t status = lastStatus_;
+            close();
+            lastStatus_ = status;
+            return nullptr;
+        }
+        if (!shouldRetryForProxy(pass))
+            break;
     }
     lastStatus_ = 0;
     return this;

@@ -94,6 +94,11 @@ private:
     bool acceptResponse();
     // Asks the proxy subsystem for credentials for url_; true when it gave some.
     bool lookUpProxyCredentials();
+    // After a send: true when the proxy answered 407 and fresh credentials are there for another pass.
+    bool shouldRetryForProxy(uint32_t pass);
+    // Puts the credentials from an earlier 407 on the open connection. WinINet under Wine does not
+    // carry them from one connection to the next, so every connection of this source gets them.
+    bool applyProxyCredentials();
 
     uint32_t created_ = 1;
     int64_t position_ = 0;
@@ -126,7 +131,7 @@ private:
 
     wchar_t lastHeaders_[kHeaderBufferLength] = {};
 
-    // Proxy credentials from an earlier 407, set on the next connection. The lookup's record is kept
+    // Proxy credentials from an earlier 407, set on every later connection. The lookup's record is kept
     // for the stream's life and released with it.
     ProxyInfo proxyInfo_ = {};
     bool haveProxyCredentials_ = false;

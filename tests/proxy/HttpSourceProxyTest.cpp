@@ -120,4 +120,24 @@ TEST_F(HttpSourceProxyTest, StoredCredentialsAnswerTheProxysDemand)
     EXPECT_GT(stream.contentLength(), 0);
 }
 
+// The range request that fetches the data meets the same demand; each new connection of the source
+// must carry the credentials again, a proxy's answer to another connection is not remembered for it.
+TEST_F(HttpSourceProxyTest, TheRangeRequestAnswersTheProxysDemandOnEveryConnection)
+{
+    ASSERT_TRUE(wininet_.use(proxyAt(kBasicProxy)));
+    ASSERT_TRUE(ie_.apply(kManualProxy, proxyAt(kBasicProxy)));
+    ASSERT_TRUE(writeCredential(L"127.0.0.1", L"alice", L"S3cret-pw"));
+
+    HTTPStreamImp stream(kUrl, 0, 0);
+    for (int connection = 0; connection < 2; ++connection) {
+        ASSERT_NE(stream.reconnect(), nullptr) << "connection " << connection;
+        EXPECT_EQ(stream.statusCode(), static_cast<uint32_t>(HTTP_STATUS_OK));
+        uint8_t page[64] = {};
+        const uint32_t read = stream.readBytes(page, sizeof page);
+        ASSERT_EQ(read, 12u) << "status " << stream.lastStatus();
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(page), read), "origin page\n");
+        stream.seek(0, 0);
+    }
+}
+
 } // namespace

@@ -3,17 +3,25 @@
 // It ends itself with TerminateProcess as soon as the file DIE_FILE exists, the same abrupt end as a
 // crash or a killed installer; the soak also kills it from outside.
 //
-//   soak_driver start STORE URL DEST SAVE_INTERVAL DIE_FILE LIMIT_S
+//   soak_driver start STORE URL DEST SAVE_INTERVAL DIE_FILE LIMIT_S [PROXY_USER PROXY_PASSWORD]
 //   soak_driver resume STORE DIE_FILE LIMIT_S
+//   soak_driver forget PROXY_HOST
+//
+// With proxy credentials, "start" first hands them to the proxy lookup, as an installer that asks its
+// user up front would; the lookup keeps them in the credential store, where later processes' answers
+// to a 407 find them. "forget" removes that stored credential again.
 //
 // Lines: "R <bytes>" after a restore, "P <bytes> <state>" every few milliseconds,
 // "KILL <bytes>" just before TerminateProcess, "DONE <state> <status>" at the end (exit code 0 when the
-// download completed), "DONE timeout" after LIMIT_S seconds, "DONE none" when there is no download.
+// download completed), "DONE timeout" after LIMIT_S seconds, "DONE none" when there is no download,
+// "DONE proxy <status>" when the proxy lookup did not accept the credentials.
 #include <windows.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cwchar>
+#include <string>
+#include <wincred.h>
 
 #include "QvDLM.h"
 
@@ -31,6 +39,33 @@ public:
             std::fprintf(stderr, "E%u %llu\n", record->kind, static_cast<unsigned long long>(record->value));
     }
 };
+
+std::string utf8(const wchar_t* text)
+{
+    const int length = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
+    if (length <= 1)
+        return {};
+    std::string out(static_cast<size_t>(length), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), length, nullptr, nullptr);
+    out.resize(static_cast<size_t>(length - 1));
+    return out;
+}
+
+// The lookup checks the credentials against the proxy and stores them for the proxy's host.
+bool giveProxyCredentials(const wchar_t* url, const wchar_t* user, const wchar_t* password)
+{
+    const std::string u = utf8(url), name = utf8(user), secret = utf8(password);
+    UserData in{u.c_str(), name.c_str(), secret.c_str(), true};
+    ProxyInfo out{};
+    const unsigned status = qrvlGetProxyInfo(&in, &out);
+    const bool ok = status == PM_STATUS_OK && out.authScheme == PROXY_AUTH_BASIC;
+    qrvlProxyDeallocate(&out);
+    if (!ok) {
+        std::printf("DONE proxy %u\n", status);
+        std::fflush(stdout);
+    }
+    return ok;
+}
 
 bool exists(const wchar_t* path) { return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES; }
 
@@ -85,6 +120,8 @@ int follow(DownloadMgr* manager, const wchar_t* dieFile, DWORD limitMs)
 
 int wmain(int argc, wchar_t** argv)
 {
+    if (argc == 3 && std::wcscmp(argv[1], L"forget") == 0)
+        return CredDeleteW(argv[2], CRED_TYPE_GENERIC, 0) || GetLastError() == ERROR_NOT_FOUND ? 0 : 1;
     if (argc < 5)
         return 3;
     const bool start = std::wcscmp(argv[1], L"start") == 0;
@@ -98,6 +135,8 @@ int wmain(int argc, wchar_t** argv)
     DownloadMgr* manager = QvDLM::createDownloadMgr();
     if (!manager)
         return 4;
+    if (start && argc >= 10 && !giveProxyCredentials(argv[3], argv[8], argv[9]))
+        return 7;
     if (start) {
         DownloadRequest* request = QvDLM::createDownloadRequest();
         request->setUrl(argv[3], nullptr, nullptr);

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Fault-tolerance soak: a multi-block LZMA2 tar package is downloaded by soak_driver.exe under Wine
-while the soak server drops connections (FIN, RST), stalls past the receive time-out and answers 500,
-and the client process is killed (TerminateProcess from inside, SIGKILL of the Wine process from
-outside) and restored in a new process. Every run must end with the download completed and a tree
+while the soak server drops connections (FIN, RST), stalls past the receive time-out and answers 500
+(in some runs also acting as the client's authenticating proxy, whose login expires: 407), and the
+client process is killed (TerminateProcess from inside, SIGKILL of the Wine process from outside) and
+restored in a new process. Every run must end with the download completed and a tree
 byte-identical to the package's source; the report gives each fault's cost as the server saw it.
 
 The schedule of a run comes from its seed alone, so a failing run can be replayed with
@@ -34,10 +35,15 @@ MAX_EXTRA_PROCESSES = 3   # processes beyond one per kill plus the last
 
 # (seed, mix) per run. A mix counts k kills (TerminateProcess or SIGKILL once the server has sent past
 # a point), e early kills (SIGKILL of the next process just after it restored its download), f FIN drops, r resets,
-# s stalls, h blocks whose first request is answered 500, H blocks whose first two requests are.
-SHORT_RUNS = [(4101, "k3f1r1s1h1"), (4102, "k1e1f1r1H1")]
+# s stalls, h blocks whose first request is answered 500, H blocks whose first two requests are, p expired
+# proxy logins. A mix with p runs through the server as an authenticating proxy: the first process gives
+# the proxy lookup its credentials, and each process answers the 407s it meets from the credential store.
+SHORT_RUNS = [(4101, "k3f1r1s1h1"), (4102, "k1e1f1r1H1p1")]
 FULL_SEEDS = [5001 + i for i in range(20)]
-FULL_RUNS = [(s, "k4e1f1r1s1h1" if i % 2 == 0 else "k4e1f2r1h1H1") for i, s in enumerate(FULL_SEEDS)]
+FULL_RUNS = [(s, "k4e1f1r1s1h1" if i % 2 == 0 else "k4e1f2r1h1H1p1") for i, s in enumerate(FULL_SEEDS)]
+PROXY_USER, PROXY_PASSWORD = "soaker", "Pr0xy-soak-pw"  # the server's, in soak_server.py
+# Not the URL's host name: Wine sends a relative request line when proxy and target host names match.
+PROXY_HOST = "127.0.0.1"
 
 
 KILLS = ("terminate", "sigkill", "early")
@@ -206,7 +212,7 @@ class Server:
 # ---- the schedule ----
 
 def parse_mix(mix):
-    counts = {"k": 0, "e": 0, "f": 0, "r": 0, "s": 0, "h": 0, "H": 0}
+    counts = {"k": 0, "e": 0, "f": 0, "r": 0, "s": 0, "h": 0, "H": 0, "p": 0}
     i = 0
     while i < len(mix):
         key = mix[i]
@@ -214,7 +220,7 @@ def parse_mix(mix):
         while j < len(mix) and mix[j].isdigit():
             j += 1
         if key not in counts or j == i + 1:
-            raise SystemExit("bad mix %r: use letters k e f r s h H, each followed by a count" % mix)
+            raise SystemExit("bad mix %r: use letters k e f r s h H p, each followed by a count" % mix)
         counts[key] = int(mix[i + 1:j])
         i = j
     return counts
@@ -225,7 +231,8 @@ def make_schedule(seed, mix, total, block_count):
     come right after another kill: the restarted process is killed again just after its restore."""
     counts = parse_mix(mix)
     rnd = random.Random(seed)
-    kinds = ["kill"] * counts["k"] + ["fin"] * counts["f"] + ["rst"] * counts["r"] + ["stall"] * counts["s"]
+    kinds = (["kill"] * counts["k"] + ["fin"] * counts["f"] + ["rst"] * counts["r"] + ["stall"] * counts["s"] +
+             ["p407"] * counts["p"])
     rnd.shuffle(kinds)
     gap = total // (3 * (len(kinds) + 1))
     points = []
@@ -263,11 +270,11 @@ def make_schedule(seed, mix, total, block_count):
 class Driver:
     """One soak_driver.exe process under Wine with its standard output read line by line."""
 
-    def __init__(self, build, args, stderr_path):
+    def __init__(self, build, args, stderr_path, proxy_port=None):
         self.err = open(stderr_path, "ab")
         self.process = subprocess.Popen([os.path.join(build, "wine-run"), os.path.join(build, "bin", "soak_driver.exe")]
                                         + args, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=self.err,
-                                        start_new_session=True)
+                                        start_new_session=True, env=driver_environment(proxy_port))
         self.lines = queue.Queue()
         threading.Thread(target=self._read, daemon=True).start()
 
@@ -299,7 +306,32 @@ class Driver:
         return code
 
 
+def driver_environment(proxy_port):
+    """The machine's own proxy never applies; a proxy run names the soak server through http_proxy,
+    which Wine's WinINet and WinHTTP both read. WPAD would ask the name service: off."""
+    env = {k: v for k, v in os.environ.items() if k.lower() not in ("http_proxy", "https_proxy", "no_proxy")}
+    env["QRVL_QRVL_WPAD_PROXY_CHECK"] = "FALSE"
+    if proxy_port:
+        env["http_proxy"] = "http://%s:%d" % (PROXY_HOST, proxy_port)
+    return env
+
+
+def forget_proxy_credential(build):
+    subprocess.run([os.path.join(build, "wine-run"), os.path.join(build, "bin", "soak_driver.exe"), "forget",
+                    PROXY_HOST], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                   start_new_session=True, timeout=60, env=driver_environment(None))
+
+
 def run_once(args, server, src, index, seed, mix, deadline):
+    proxied = parse_mix(mix)["p"] > 0
+    try:
+        return run_schedule(args, server, src, index, seed, mix, deadline, proxied)
+    finally:
+        if proxied:
+            forget_proxy_credential(args.build)
+
+
+def run_schedule(args, server, src, index, seed, mix, deadline, proxied):
     total = sum(server.sizes)
     events, answers = make_schedule(seed, mix, total, len(server.sizes))
     kills = [e for e in events if e["kind"] in KILLS]
@@ -315,7 +347,7 @@ def run_once(args, server, src, index, seed, mix, deadline):
     os.makedirs(run_dir)
     store = win_path(os.path.join(run_dir, "store", "download.info"))
     dest = os.path.join(run_dir, "dest")
-    server.control("/__reset")
+    server.control("/__reset?proxy=1" if proxied else "/__reset")
     for e in stream:
         server.control("/__arm?kind=%s&at=%d" % (e["kind"], e["at"]))
     for a in answers:
@@ -334,11 +366,12 @@ def run_once(args, server, src, index, seed, mix, deadline):
             os.remove(die_file)
         if process_no == 0:
             cmd = ["start", store, server.url(), win_path(dest), str(SAVE_INTERVAL), win_path(die_file),
-                   str(PROCESS_LIMIT_S)]
+                   str(PROCESS_LIMIT_S)] + ([PROXY_USER, PROXY_PASSWORD] if proxied else [])
         else:
             cmd = ["resume", store, win_path(die_file), str(PROCESS_LIMIT_S)]
         high_at_start = int(server.control("/__high"))
-        driver = Driver(args.build, cmd, os.path.join(run_dir, "driver-%d.err" % (process_no + 1)))
+        driver = Driver(args.build, cmd, os.path.join(run_dir, "driver-%d.err" % (process_no + 1)),
+                        server.port if proxied else None)
         started = time.monotonic()
         last_seen = started
         held = 0
@@ -416,6 +449,9 @@ def run_once(args, server, src, index, seed, mix, deadline):
     report = json.loads(server.control("/__report"))
     if report["unfired"]:
         raise SoakFailure("run %d (seed %d): faults armed but never met: %s" % (index, seed, report["unfired"]))
+    if proxied and report["proxy"]["answered"] < 1 + parse_mix(mix)["p"]:
+        raise SoakFailure("run %d (seed %d): the client answered %d of the proxy's %d 407s"
+                          % (index, seed, report["proxy"]["answered"], report["proxy"]["challenges"]))
     marked = len([f for f in report["faults"] if f["kind"] in KILLS])
     if marked < len(kill_log):
         raise SoakFailure("run %d (seed %d): %d kills made, the server saw %d" % (index, seed, len(kill_log), marked))
@@ -427,6 +463,9 @@ def run_once(args, server, src, index, seed, mix, deadline):
     log("  finished in %.1f s with %d processes; tree identical (%d bytes served for %d, %d requests)"
         % (seconds, len(kill_log) + 1, report["high"] + sum(f["refetched"] for f in report["faults"]), total,
            report["requests"]))
+    if proxied:
+        log("  through the proxy: %d 407 answers given, %d answered with the stored credentials"
+            % (report["proxy"]["challenges"], report["proxy"]["answered"]))
     log("  %-10s %12s %14s %9s %9s" % ("fault", "at", "served again", "seconds", "requests"))
     log("  (at: the server's high-water mark when the fault struck; seconds: until a new request was back there,"
         " * until the download ended)")
@@ -449,7 +488,7 @@ def summary(all_faults, runs, seconds):
     log()
     log("soak summary: %d runs finished with an identical tree, %.1f s" % (runs, seconds))
     log("  %-10s %6s %16s %16s %10s %10s" % ("fault", "count", "again mean", "again max", "s mean", "s max"))
-    for kind in KILLS + ("fin", "rst", "stall", "http500", "none"):
+    for kind in KILLS + ("fin", "rst", "stall", "p407", "http500", "none"):
         rows = [f for f in all_faults if f["kind"] == kind]
         if not rows:
             continue

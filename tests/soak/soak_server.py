@@ -6,20 +6,28 @@ usage: soak_server.py PORT DOCROOT PIDFILE BLOCK[,BLOCK...] [RATE]
   BLOCKs are the package's block files in DOCROOT, in order; together they form one logical stream
   whose offsets ("global") place the faults. RATE is bytes per second per response (0: unlimited).
 
+With "/__reset?proxy=1" the server also plays the client's proxy: all but the control requests come in
+proxy form (an absolute URL) with Basic credentials PROXY_USER:PROXY_PASSWORD; without them the answer
+is 407. Direct block requests are refused (400) in that mode, so a client that bypasses the proxy fails.
+
 Control requests (loopback only, never faulted):
-  /__reset                              forget faults, cost records and the high-water mark
-  /__arm?kind=fin|rst|stall&at=G        once the stream is first served past global offset G: close
-                                        (FIN), reset (RST) or hold the connection without sending
+  /__reset[?proxy=1]                    forget faults, cost records and the high-water mark; proxy mode
+  /__arm?kind=fin|rst|stall|p407&at=G   once the stream is first served past global offset G: close
+                                        (FIN), reset (RST) or hold the connection without sending; p407
+                                        closes it and answers the next proxied request 407 whatever
+                                        credentials it carries (the proxy's login has expired)
   /__arm?kind=http500&block=B&count=N   the next N GETs of block B (0-based) are answered 500
   /__mark?kind=K                        a fault the soak caused itself (a killed process) starts now
   /__high                               the high-water mark
   /__report                             JSON: one record per fault with the bytes served again and the
                                         seconds until a later request sent past the fault's point; faults
-                                        armed but not fired
+                                        armed but not fired; the 407 answers given and those the client
+                                        answered with good credentials
 
 The server ends with the process that started it (the soak). Served again = bytes sent below the high-water mark (the furthest global offset ever sent), charged
 to the latest fault.
 """
+import base64
 import http.server
 import json
 import os
@@ -34,6 +42,8 @@ PORT, DOCROOT, PIDFILE = int(sys.argv[1]), sys.argv[2], sys.argv[3]
 BLOCKS = sys.argv[4].split(",")
 RATE = int(sys.argv[5]) if len(sys.argv) > 5 else 0
 CHUNK = 64 * 1024
+PROXY_USER, PROXY_PASSWORD = "soaker", "Pr0xy-soak-pw"
+PROXY_CREDENTIALS = "Basic " + base64.b64encode(("%s:%s" % (PROXY_USER, PROXY_PASSWORD)).encode()).decode()
 STALL_LIMIT = 45.0  # a stalled connection is held at most this long, or until the client drops it
 
 SIZES = [os.path.getsize(os.path.join(DOCROOT, b)) for b in BLOCKS]
@@ -50,6 +60,11 @@ class Ledger:
     def reset(self):
         self.high = 0
         self.requests = 0
+        self.proxy = False
+        self.challenges = 0      # 407 answers sent
+        self.answered = 0        # 407s followed by a request with good credentials
+        self.owed = 0            # challenges not answered yet
+        self.expired = False     # the next proxied request gets a 407 whatever it carries
         self.armed = []      # [kind, at] waiting for the stream to pass at
         self.answers = {}    # block -> [remaining 500 answers, cost record]
         self.faults = [self._record("none", 0)]
@@ -108,11 +123,25 @@ class Ledger:
             self.faults[-1]["requests"] += 1
             return self.requests
 
+    def admit(self, authorization):
+        """Whether a proxied request may pass; a refused one is answered 407."""
+        with self.lock:
+            good = authorization == PROXY_CREDENTIALS
+            if good and not self.expired:
+                self.answered += self.owed
+                self.owed = 0
+                return True
+            self.expired = False
+            self.challenges += 1
+            self.owed = 1
+            return False
+
     def report(self):
         with self.lock:
             return {
                 "high": self.high,
                 "requests": self.requests,
+                "proxy": {"challenges": self.challenges, "answered": self.answered},
                 "faults": [dict(r) for r in self.faults],
                 "unfired": [list(a) for a in self.armed] + [["http500", b] for b in self.answers],
             }
@@ -145,6 +174,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if url.path == "/__reset":
             with ledger.lock:
                 ledger.reset()
+                ledger.proxy = query.get("proxy") == "1"
             self._answer(200, "ok\n")
         elif url.path == "/__arm":
             with ledger.lock:
@@ -163,7 +193,27 @@ class Handler(http.server.BaseHTTPRequestHandler):
         else:
             self._answer(404, "no such control\n")
 
+    def _admitted(self):
+        """In proxy mode: every request but the controls must come through the proxy, with good credentials."""
+        if not ledger.proxy:
+            return True
+        if not self.path.startswith("http://"):
+            self._answer(400, "this server is a proxy now; direct requests are refused\n")
+            return False
+        if ledger.admit(self.headers.get("Proxy-Authorization", "")):
+            return True
+        body = b"" if self.command == "HEAD" else b"proxy authentication required\n"
+        self.send_response(407)
+        self.send_header("Proxy-Authenticate", 'Basic realm="qvdlm-soak"')
+        self.send_header("Content-Type", "text/plain")
+        self.send_header("Content-Length", str(len(body)))
+        self.end_headers()
+        self.wfile.write(body)
+        return False
+
     def do_HEAD(self):
+        if not self._admitted():
+            return
         block = self._block()
         if block < 0:
             self.send_error(404)
@@ -176,6 +226,8 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def do_GET(self):
         if self.path.startswith("/__"):
             self._control()
+            return
+        if not self._admitted():
             return
         block = self._block()
         if block < 0:
@@ -245,6 +297,11 @@ class Handler(http.server.BaseHTTPRequestHandler):
         self.close_connection = True
         if kind == "rst":
             sock.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+            sock.close()
+        elif kind == "p407":
+            with ledger.lock:
+                ledger.expired = True
+            sock.shutdown(socket.SHUT_RDWR)
             sock.close()
         elif kind == "stall":
             # Nothing more is sent; the connection stays open until the client gives up on it.
