@@ -246,12 +246,15 @@ void DownloadImp::destroyTargets()
 
 bool DownloadImp::changeState(uint32_t next)
 {
+    // A download that starts playing begins with a clean status. It is cleared before Play becomes
+    // visible: a status that someone sets on seeing Play must not be wiped out after the fact.
+    if (next == state::Play && isWaitingState(state_))
+        status_ = status::None;
     const uint32_t old = state_.exchange(next);
     if (old == next)
         return false;
     if (isWaitingState(old)) {
         if (next == state::Play) {
-            status_ = status::None;
             SetEvent(idleEvent_.get());
         } else if (next == state::Completed || next == state::Init ||
                    (next >= state::Completing && next <= state::Aborted)) {

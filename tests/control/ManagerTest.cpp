@@ -52,6 +52,12 @@ protected:
         return r;
     }
     static bool waitState(Download* d, uint32_t s) { return waitUntil([&] { return d->getState() == s; }); }
+    // Playing with its stages at work: the start has cleared the status by then, so a stage's
+    // report is not wiped out by it.
+    bool waitRunning(Download* d)
+    {
+        return waitState(d, state::Play) && waitUntil([&] { return stages.connects.load() > 0; });
+    }
 
     qvtest::ScratchDir scratch{L"control-manager"};
     FakeStore store;
@@ -256,7 +262,7 @@ TEST_F(ManagerTest, StatusMessagesOfItsDownloadsSetStatusesAndAct)
 {
     Download* d = manager->addDownload(newRequest(L"a.bin"));
     ASSERT_TRUE(manager->startDownload(d));
-    ASSERT_TRUE(waitState(d, state::Play));
+    ASSERT_TRUE(waitRunning(d));
     publishEvent(d, event::StatusMessage, msg::NetworkDisconnected);
     EXPECT_EQ(d->getStatus(), status::NetworkDisconnected);
     publishEvent(d, event::StatusMessage, msg::ServerNotResponse);
@@ -266,7 +272,7 @@ TEST_F(ManagerTest, StatusMessagesOfItsDownloadsSetStatusesAndAct)
     ASSERT_TRUE(waitState(d, state::Init));
     publishEvent(d, event::StatusMessage, msg::NetworkConnected);
     EXPECT_EQ(d->getStatus(), status::None);
-    ASSERT_TRUE(waitState(d, state::Play));
+    ASSERT_TRUE(waitRunning(d));
     publishEvent(d, event::StatusMessage, msg::NetworkError);
     EXPECT_EQ(d->getStatus(), status::NetworkError);
     publishEvent(d, event::StatusMessage, msg::DownloadStarted); // no reaction
@@ -280,7 +286,7 @@ TEST_F(ManagerTest, RestoreFailedAbortsAPlayingDownloadWithDiscard)
 {
     Download* d = manager->addDownload(newRequest(L"a.bin"));
     ASSERT_TRUE(manager->startDownload(d));
-    ASSERT_TRUE(waitState(d, state::Play));
+    ASSERT_TRUE(waitRunning(d));
     publishEvent(d, event::StatusMessage, msg::RestoreFailed);
     EXPECT_EQ(d->getStatus(), status::RestoreFailed);
     EXPECT_TRUE(waitState(d, state::Aborted));
