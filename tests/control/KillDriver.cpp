@@ -13,23 +13,11 @@
 #include <cstdlib>
 #include <cwchar>
 
-#include "QvDLM.h"
+#include "support/DriverClient.h"
 
 namespace {
 
 constexpr DWORD kLimitMs = 120000;
-
-// Status messages, failures and text lines go to standard error, for the test's diagnostics.
-class EventEcho final : public EventSubscriber {
-public:
-    void notify(const EventRecord* record) override
-    {
-        if (record->kind == qvdlm::event::Information && qvdlm::eventValueIsText(record->value))
-            std::fprintf(stderr, "E3 %ls\n", reinterpret_cast<const wchar_t*>(record->value));
-        else if (record->kind != qvdlm::event::Information)
-            std::fprintf(stderr, "E%u %llu\n", record->kind, static_cast<unsigned long long>(record->value));
-    }
-};
 
 int follow(DownloadMgr* manager)
 {
@@ -66,31 +54,16 @@ int wmain(int argc, wchar_t** argv)
     if (start && argc < 6)
         return 3;
     DownloadRequestLog::getInstance()->open(argv[2]);
-    static EventEcho echo;
+    static driver::EventEcho echo;
     EventPublisher::getInstance()->subscribe(&echo);
     DownloadMgr* manager = QvDLM::createDownloadMgr();
     if (!manager)
         return 4;
     if (start) {
-        DownloadRequest* request = QvDLM::createDownloadRequest();
-        request->setUrl(argv[3], nullptr, nullptr);
-        request->setDestDir(argv[4]);
-        request->setSaveInterval(std::wcstoull(argv[5], nullptr, 10));
-        Download* d = manager->addDownload(request);
-        if (!d || !manager->startDownload(d))
+        if (!driver::startOne(manager, argv[3], argv[4], argv[5]))
             return 5;
     } else {
-        manager->beginRestore();
-        manager->restore();
-        for (Download* d : manager->getDownloads())
-            manager->control(d, qvdlm::command::Start);
-        manager->endRestore();
-        // Downloads that were paused when the process ended are resumed too.
-        for (Download* d : manager->getDownloads())
-            manager->control(d, qvdlm::command::Resume);
-        for (Download* d : manager->getDownloads())
-            std::printf("R %llu\n", static_cast<unsigned long long>(d->getDownloadedSize()));
-        std::fflush(stdout);
+        driver::restoreAll(manager);
     }
     const int result = follow(manager);
     QvDLM::destroy(manager);

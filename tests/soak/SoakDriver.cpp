@@ -23,22 +23,11 @@
 #include <string>
 #include <wincred.h>
 
-#include "QvDLM.h"
+#include "support/DriverClient.h"
 
 namespace {
 
 constexpr UINT kKilledExitCode = 9;
-
-class EventEcho final : public EventSubscriber {
-public:
-    void notify(const EventRecord* record) override
-    {
-        if (record->kind == qvdlm::event::Information && qvdlm::eventValueIsText(record->value))
-            std::fprintf(stderr, "E3 %ls\n", reinterpret_cast<const wchar_t*>(record->value));
-        else if (record->kind != qvdlm::event::Information)
-            std::fprintf(stderr, "E%u %llu\n", record->kind, static_cast<unsigned long long>(record->value));
-    }
-};
 
 std::string utf8(const wchar_t* text)
 {
@@ -130,7 +119,7 @@ int wmain(int argc, wchar_t** argv)
     const wchar_t* dieFile = argv[start ? 6 : 3];
     const DWORD limitMs = static_cast<DWORD>(std::wcstoul(argv[start ? 7 : 4], nullptr, 10) * 1000);
     DownloadRequestLog::getInstance()->open(argv[2]);
-    static EventEcho echo;
+    static driver::EventEcho echo;
     EventPublisher::getInstance()->subscribe(&echo);
     DownloadMgr* manager = QvDLM::createDownloadMgr();
     if (!manager)
@@ -138,25 +127,10 @@ int wmain(int argc, wchar_t** argv)
     if (start && argc >= 10 && !giveProxyCredentials(argv[3], argv[8], argv[9]))
         return 7;
     if (start) {
-        DownloadRequest* request = QvDLM::createDownloadRequest();
-        request->setUrl(argv[3], nullptr, nullptr);
-        request->setDestDir(argv[4]);
-        request->setSaveInterval(std::wcstoull(argv[5], nullptr, 10));
-        Download* d = manager->addDownload(request);
-        if (!d || !manager->startDownload(d))
+        if (!driver::startOne(manager, argv[3], argv[4], argv[5]))
             return 5;
     } else {
-        manager->beginRestore();
-        manager->restore();
-        for (Download* d : manager->getDownloads())
-            manager->control(d, qvdlm::command::Start);
-        manager->endRestore();
-        // A download that was paused when its process ended goes on too.
-        for (Download* d : manager->getDownloads())
-            manager->control(d, qvdlm::command::Resume);
-        for (Download* d : manager->getDownloads())
-            std::printf("R %llu\n", static_cast<unsigned long long>(d->getDownloadedSize()));
-        std::fflush(stdout);
+        driver::restoreAll(manager);
     }
     const int result = follow(manager, dieFile, limitMs);
     QvDLM::destroy(manager);
