@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "FakePipeline.h"
-#include "FakeRequest.h"
+#include "support/FakeRequest.h"
 #include "FakeStore.h"
 #include "QvDLMCodes.h"
 #include "control/CheckpointFiles.h"

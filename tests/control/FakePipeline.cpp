@@ -36,52 +36,6 @@ uint32_t __stdcall fakeStageThread(void* parameter)
     return 0;
 }
 
-void EventRecorder::notify(const EventRecord* record)
-{
-    Entry entry{record->source, record->kind, record->value, {}};
-    if (record->kind == qvdlm::event::Information && qvdlm::eventValueIsText(record->value))
-        entry.text = reinterpret_cast<const wchar_t*>(record->value);
-    qv::CsLock hold(lock_);
-    events_.push_back(std::move(entry));
-}
-
-std::vector<EventRecorder::Entry> EventRecorder::events()
-{
-    qv::CsLock hold(lock_);
-    return events_;
-}
-
-std::vector<uint64_t> EventRecorder::values(Download* source, uint32_t kind)
-{
-    std::vector<uint64_t> out;
-    for (const auto& e : events())
-        if (e.source == source && e.kind == kind)
-            out.push_back(e.value);
-    return out;
-}
-
-bool EventRecorder::has(Download* source, uint32_t kind, uint64_t value)
-{
-    for (const auto& e : events())
-        if (e.source == source && e.kind == kind && e.value == value)
-            return true;
-    return false;
-}
-
-bool EventRecorder::hasText(const std::wstring& part)
-{
-    for (const auto& e : events())
-        if (e.text.find(part) != std::wstring::npos)
-            return true;
-    return false;
-}
-
-void EventRecorder::clear()
-{
-    qv::CsLock hold(lock_);
-    events_.clear();
-}
-
 bool waitUntil(const std::function<bool()>& done, DWORD timeoutMs)
 {
     const ULONGLONG end = GetTickCount64() + timeoutMs;

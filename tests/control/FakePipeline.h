@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "EventPublisher.h"
+#include "support/EventRecorder.h"
 #include "EventSubscriber.h"
 #include "common/Win32Raii.h"
 #include "control/JobEnvironment.h"
@@ -148,32 +149,6 @@ public:
     std::vector<FakeStage*> made; // every stage made, in order (not owned; valid while its target lives)
     std::vector<int64_t> sinkOffsets;
     std::atomic<int> connects{0};
-};
-
-// Collects every published event.
-class EventRecorder final : public EventSubscriber {
-public:
-    struct Entry {
-        Download* source;
-        uint32_t kind;
-        uint64_t value;
-        std::wstring text;
-    };
-    EventRecorder() { EventPublisher::getInstance()->subscribe(this); }
-    ~EventRecorder() { EventPublisher::getInstance()->unsubscribe(this); }
-    EventRecorder(const EventRecorder&) = delete;
-    EventRecorder& operator=(const EventRecorder&) = delete;
-
-    void notify(const EventRecord* record) override;
-    std::vector<Entry> events();
-    std::vector<uint64_t> values(Download* source, uint32_t kind);
-    bool has(Download* source, uint32_t kind, uint64_t value);
-    bool hasText(const std::wstring& part);
-    void clear();
-
-private:
-    qv::CriticalSection lock_;
-    std::vector<Entry> events_;
 };
 
 // Polls until done() holds or the time is up (about timeoutMs); answers done().

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "DownloadRequestLog.h"
-#include "FakeRequest.h"
+#include "support/FakeRequest.h"
 #include "QvDLMCodes.h"
 #include "common/Win32Raii.h"
 

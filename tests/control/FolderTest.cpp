@@ -2,7 +2,7 @@
 // deleting trees, and the launch settings read from a package's "dlm.ini".
 #include <gtest/gtest.h>
 
-#include "FakeRequest.h"
+#include "support/FakeRequest.h"
 #include "FakeStore.h"
 #include "control/FolderOps.h"
 #include "control/LaunchSettings.h"

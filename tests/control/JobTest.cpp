@@ -6,7 +6,7 @@
 #include <regex>
 
 #include "FakePipeline.h"
-#include "FakeRequest.h"
+#include "support/FakeRequest.h"
 #include "FakeStore.h"
 #include "QvDLMCodes.h"
 #include "control/DownloadImp.h"

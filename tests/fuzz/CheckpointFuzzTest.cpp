@@ -15,7 +15,7 @@
 #include "QvDLMCodes.h"
 #include "control/DownloadImp.h"
 #include "control/FakePipeline.h"
-#include "control/FakeRequest.h"
+#include "support/FakeRequest.h"
 #include "control/FakeStore.h"
 #include "stream/LZMA2StreamWriterImp.h"
 #include "stream/TARStreamWriterImp.h"
