@@ -31,10 +31,10 @@ TEST(CommandLine, RefusesWithAReasonThatNamesTheFault)
         {{L"get", L"x", L"--max-active", L"257"}, L"\"257\""}, {{L"get", L"x", L"--timeout", L"0"}, L"\"0\""},
         {{L"get", L"x", L"--timeout", L"4294968"}, L"\"4294968\""}, {{L"get", L"x", L"--size", L"0"}, L"\"0\""},
         {{L"get", L"x", L"--size", L"12Q"}, L"\"12Q\""}, {{L"get", L"x", L"--size", L"1Mi"}, L"\"1Mi\""},
-        {{L"get", L"x", L"--size", L"18446744073709551616"}, L"--size"}, {{L"get", L"x", L"--size", L"17179869184G"}, L"--size"},
-        {{L"get", L"x", L"--file", L"a\\b"}, L"folders"}, {{L"get", L"x", L"y", L"--file", L"f"}, L"one URL"},
-        {{L"get", L"x", L"y", L"--size", L"1M"}, L"one URL"}, {{L"resume", L"extra"}, L"\"extra\""},
-        {{L"remove", L"a", L"b"}, L"one ID"}, {{L"proxy"}, L"one URL"}, {{L"token", L"x"}, L"--key"},
+        {{L"get", L"x", L"--size", L"18446744073709551616"}, L"--size"}, {{L"proxy"}, L"one URL"},
+        {{L"get", L"x", L"--size", L"17179869184G"}, L"--size"}, {{L"get", L"x", L"--file", L"a\\b"}, L"folders"},
+        {{L"get", L"x", L"y", L"--file", L"f"}, L"one URL"}, {{L"get", L"x", L"y", L"--size", L"1M"}, L"one URL"},
+        {{L"resume", L"extra"}, L"\"extra\""}, {{L"remove", L"a", L"b"}, L"one ID"}, {{L"token", L"x"}, L"--key"},
         {{L"token", L"x", L"--key", L"61", L"--start", L"soon"}, L"\"soon\""},
     };
     for (const auto& row : table) {
@@ -47,9 +47,9 @@ TEST(CommandLine, RefusesWithAReasonThatNamesTheFault)
 TEST(Format, NumbersAndNames)
 {
     const std::pair<std::wstring, std::wstring> table[] = {
-        {formatBytes(1048575), L"1.00 MiB"}, {formatDuration(3723), L"1:02:03"}, {formatPercent(percentTenths(1, 0)), L""},
-        {formatPercent(percentTenths(1ull << 62, 1ull << 63)), L"50.0%"}, // done * 1000 would overflow
-        {formatPercent(percentTenths(18446744073709551614u, 18446744073709551615u)), L"99.9%"},
+        {formatBytes(1048575), L"1.00 MiB"}, {formatDuration(3723), L"1:02:03"},
+        {formatPercent(percentTenths(1, 0)), L""}, {formatPercent(percentTenths(1ull << 62, 1ull << 63)), L"50.0%"},
+        {formatPercent(percentTenths(18446744073709551614u, 18446744073709551615u)), L"99.9%"}, // without overflow
         {nameFromUrlPath(L"/p/pkg_001_004.tar.lzma2"), L"pkg"}, {nameFromUrlPath(L"/X/PKG_002_004.SFX.EXE"), L"PKG"},
         {nameFromUrlPath(L"/a/b_0x1_004.tar.lzma2"), L"b_0x1_004"}, {nameFromUrlPath(L"/.tar.lzma2"), L".tar.lzma2"},
     };

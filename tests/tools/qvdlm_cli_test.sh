@@ -24,12 +24,12 @@ for i in $(seq 200); do echo "note $i" >"$src/docs/a/b/note$i.txt"; done
 : >"$src/docs/empty.txt"
 "$run" "$qvpack" "$(win "$src")" "$(win "$www/pkg")" --name pkg --block-size 5M --dict 1M --level 1 \
   --base-url "http://localhost:$port/pkg" | tr -d '\r' >"$work/qvpack.log"
-url=$(sed -n 's/^url //p' "$work/qvpack.log") csize=$(sed -n 's/^compressed size //p' "$work/qvpack.log")
-[ -n "$url" ] && [ -n "$csize" ] || fail "qvpack gave no URL or size"
+eval "$(sed -n 's/^url \(http[^ ]*\)$/url=\1/p; s/^\(un\)*compressed size \([0-9]*\)$/\1csize=\2/p' "$work/qvpack.log")"
+[ -n "${url:-}" ] && [ -n "${csize:-}" ] && [ -n "${uncsize:-}" ] || fail "qvpack gave no URL or sizes"
 
 # ---- stopped by the byte limit after a few checkpoints; resumed from the last one ----
 rows <<EOF
-3|get $url --dest $dest --store $store --save-interval 1M --size $csize --stop-after 7M|stopped; progress is kept|pkg: stopped at|pkg  .*download play
+3|get $url --dest $dest --store $store --save-interval 1M --size $csize --unpacked-size $uncsize --stop-after 7M|stopped; progress is kept|pkg: stopped at|pkg  .*download play
 0|list --store $store|^$url|pkg; download paused; [0-9.]*[1-9][0-9.]*% (
 EOF
 before=$(wc -l <"$access")
@@ -46,7 +46,7 @@ diff -r "$src" "$work/dest" || fail "the unpacked tree differs from its source"
 token=$(python3 -c 'import hashlib, struct; u, k = b"http://localhost/p.tar.lzma2", b"secret"
 print(u.decode() + "?1060_" + hashlib.md5(k + hashlib.md5(struct.pack("<I", 1060) + u + k).digest()).hexdigest())')
 rows <<EOF
-0|get http://localhost:$port/hello.txt --dest $(win "$work/plain") --store $store --file hi.txt --name greeting --log $(win "$work/get.log") --timeout 60|greeting: download completed|files in .*plain\\\\hi.txt
+0|get http://localhost:$port/x.bin --file hello.txt --dest $(win "$work/plain") --store $store --name greeting --log $(win "$work/get.log") --timeout 60|greeting: download completed|files in .*plain\\\\hello.txt
 0|list --store $store|pkg; download completed|greeting; download completed
 0|resume --store $store|pkg: completed earlier
 1|get $url --dest $dest --store $store|already stored
@@ -63,7 +63,7 @@ rows <<EOF
 2|get http://localhost/x --max-active 999|--max-active
 0|help|qvdlm resume
 EOF
-cmp "$www/hello.txt" "$work/plain/hi.txt" && [ -s "$work/get.log" ] || fail "no hi.txt or no log"
+cmp "$www/hello.txt" "$work/plain/hello.txt" && [ -s "$work/get.log" ] || fail "no hello.txt or no log"
 [ -f "$work/dest/data/random.bin" ] || fail "remove deleted completed files"
 
 # ---- Ctrl+C (Wine turns SIGINT to the process group into a console event); remove deletes what is left ----
