@@ -256,7 +256,7 @@ const wchar_t* usageText()
            L"  get URL... [options]    download packages or files, showing progress\n"
            L"      --dest DIR             destination folder (default: the current folder)\n"
            L"      --name TEXT            display name of the download\n"
-           L"      --file NAME            store the file under NAME (one URL only)\n"
+           L"      --file NAME            fetch NAME in place of the URL's last path part (one URL only)\n"
            L"      --auth-param NAME      query parameter that carries the URL-token key (hex)\n"
            L"      --session-param NAME   query parameter that carries the session key\n"
            L"      --size BYTES           compressed size of the package, for percent and time left\n"
