@@ -1,6 +1,6 @@
 // The download job and its manager over stand-in stages and the library's own store, for what whole
-// downloads (EndToEndTest.cpp) do not reach: workers' failures, checkpoint commits, the manager's
-// reactions to messages, restore by stored state, version and space checks, folders and launch files.
+// downloads (EndToEndTest.cpp, KillTest.cpp) do not reach: workers' failures, the manager's reactions to
+// messages, its queue, restore by stored state, and version and space checks.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -10,9 +10,8 @@
 #include "FakeStore.h"
 #include "control/DownloadImp.h"
 #include "control/DownloadMgrImp.h"
-#include "control/FolderOps.h"
-#include "control/LaunchSettings.h"
 #include "log/EventPublisherImpl.h"
+#include "support/EventRecorder.h"
 #include "support/FakeRequest.h"
 #include "support/TestSupport.h"
 
@@ -38,11 +37,7 @@ protected:
         store.open((scratch / L"store\\download.info").c_str());
         manager = std::make_unique<DownloadMgrImp>(env);
     }
-    void TearDown() override
-    {
-        manager.reset();
-        g_store = nullptr;
-    }
+    void TearDown() override { manager.reset(); }
     // A request for name working in scratch\dest (or scratch\<dest> when given).
     FakeRequest* request(const std::wstring& name, const std::wstring& dest = L"dest")
     {
@@ -51,11 +46,6 @@ protected:
         r->setCheckpointDir((scratch / (L"chk-" + name)).c_str());
         r->setName(name.c_str()); // the store needs one to load a request
         return r;
-    }
-    uint32_t stored(const wchar_t* id, uint32_t (DownloadRequest::*field)() = &DownloadRequest::getState)
-    {
-        FakeRequest probe;
-        return store.load(id, &probe) ? (probe.*field)() : 0xFFFFFFFF;
     }
     static bool reaches(Download* d, uint32_t s) { return waitUntil([&] { return d->getState() == s; }); }
     bool running(Download* d) { return reaches(d, state::Play) && waitUntil([&] { return stages.connects > 0; }); }
@@ -86,17 +76,14 @@ TEST_F(Control, AJobEndsAsItsWorkersSay)
         SCOPED_TRACE(row.what);
         FakeStages local;
         local.source = {row.steps, row.sourceExit};
-        local.sink = {row.steps, row.sinkExit, true, row.opens};
+        local.sink = {row.steps, row.sinkExit, row.opens};
         FakeRequest* r = request(L"job" + std::to_wstring(&row - rows), L"QV_" + std::to_wstring(&row - rows));
         r->setCheckpointId(row.checkpointId);
-        const std::wstring dest = r->getDestDir();
         std::unique_ptr<DownloadImp> d(makeDownload(r, nullptr, fakeEnvironment(&local, &theStore)));
-        ASSERT_TRUE(d->buildPipeline());
-        ASSERT_NE(d->start(), nullptr);
-        ASSERT_TRUE(d->waitForControlThread(10000));
+        ASSERT_TRUE(d->buildPipeline() && d->start() && d->waitForControlThread(10000));
         EXPECT_EQ(d->getState(), row.state);
         EXPECT_EQ(d->getStatus(), row.status);
-        EXPECT_EQ(qvtest::fileExists(dest), row.state == state::Play);
+        EXPECT_EQ(qvtest::fileExists(r->getDestDir()), row.state == state::Play);
         EXPECT_EQ(events.has(d.get(), event::StateChange, state::Pending), row.state == state::Play);
     }
     // Without a control thread a pause acts at once and only once, and an abort leaves a folder that is
@@ -109,44 +96,7 @@ TEST_F(Control, AJobEndsAsItsWorkersSay)
     EXPECT_TRUE(own->abort(true) && qvtest::fileExists(scratch / L"mine\\keep.txt"));
     std::unique_ptr<DownloadImp> lost(makeDownload(request(L"x.bin", L"missing\\deeper\\QV_x.tmp"), nullptr, env));
     EXPECT_FALSE(lost->buildPipeline());
-    EXPECT_EQ(lost->getStatus(), status::SetupFailed);
-    EXPECT_EQ(lost->getState(), state::Aborted);
-}
-
-TEST_F(Control, CheckpointsOpenOneAtATimeAndCommitByRenaming)
-{
-    FakeRequest* r = request(L"p.tar.lzma2");
-    r->setSaveInterval(100);
-    store.add(r);
-    std::unique_ptr<DownloadImp> d(makeDownload(r, nullptr, env));
-    const std::wstring dir = std::wstring(r->getCheckpointDir()) + L"\\";
-    CreateDirectoryW(dir.c_str(), nullptr);
-    FakeStage a{L"a", {}}, b{L"b", {}}, c{L"c", {}};
-    r->setBlockDownloadedSize(100);
-    EXPECT_TRUE(d->saveCheckpoint(L"Http", 7, &a, true, false)); // not due yet: nothing written, no failure
-    EXPECT_FALSE(qvtest::fileExists(dir + L"_tmp_00000007_Http.chk"));
-    r->setBlockDownloadedSize(101);
-    EXPECT_FALSE(d->checkpointDue(7, false)); // only an asking stage opens one
-    a.value = 11;
-    ASSERT_TRUE(d->saveCheckpoint(L"Http", 7, &a, true, false));
-    EXPECT_FALSE(d->checkpointDue(8, true)); // one at a time
-    ASSERT_TRUE(d->saveCheckpoint(L"Lzma", 7, &b, false, false));
-    EXPECT_TRUE(qvtest::fileExists(dir + L"_tmp_00000007_Lzma.chk"));
-    EXPECT_EQ(stored(r->getId(), &DownloadRequest::getCheckpointId), 0u);
-    ASSERT_TRUE(d->saveCheckpoint(L"xTar", 7, &c, false, true));
-    for (const wchar_t* stage : {L"Http", L"Lzma", L"xTar"})
-        EXPECT_TRUE(qvtest::fileExists(dir + L"00000007_" + stage + L".chk") && !qvtest::fileExists(dir + L"_tmp_00000007_" + stage + L".chk"));
-    EXPECT_EQ(stored(r->getId(), &DownloadRequest::getCheckpointId), 7u);
-    FakeStage fresh{L"f", {}};
-    unsigned id = 0;
-    ASSERT_TRUE(d->loadCheckpoint(L"Http", &id, &fresh));
-    EXPECT_EQ(id * 100 + fresh.value, 711u);
-    // A commit under the previous identifier deletes what it has just committed: deliberately so.
-    r->setBlockDownloadedSize(300);
-    ASSERT_TRUE(d->saveCheckpoint(L"Http", 7, &a, true, false) && d->saveCheckpoint(L"xTar", 7, &c, false, true));
-    EXPECT_FALSE(qvtest::fileExists(dir + L"00000007_Http.chk"));
-    r->setCheckpointId(0);
-    EXPECT_FALSE(d->loadCheckpoint(L"Http", &id, &fresh));
+    EXPECT_TRUE(lost->getStatus() == status::SetupFailed && lost->getState() == state::Aborted);
 }
 
 TEST_F(Control, TheManagerReactsToItsDownloadsMessages)
@@ -199,12 +149,9 @@ TEST_F(Control, RestoreRemakesStoredDownloadsByTheirStatesAndStartsThoseToGoOn)
         {L"newer", {state::Play, state::Aborted}}, {L"completing", {state::Completing, 0}},
         {L"paused", {state::Paused, state::Paused}}, {L"aborting", {state::Aborting, state::Aborted}}};
     for (const auto& [name, states] : rows) {
-        std::unique_ptr<FakeRequest> r(new FakeRequest(L"http://localhost:1/files/" + name));
-        r->setName(name.c_str());
+        std::unique_ptr<FakeRequest> r(request(name, L"dest\\QV_" + name));
         r->setVersion(name == L"newer" ? L"1.3" : L"1.2");
         r->setState(states.first);
-        r->setDestDir((scratch / (L"dest\\QV_" + name)).c_str());
-        r->setCheckpointDir((scratch / (L"chk-" + name)).c_str());
         store.add(r.get());
     }
     CreateDirectoryW((scratch / L"dest").c_str(), nullptr);
@@ -221,8 +168,7 @@ TEST_F(Control, RestoreRemakesStoredDownloadsByTheirStatesAndStartsThoseToGoOn)
     }
     manager->endRestore();
     EXPECT_EQ(byName[L"newer"]->getStatus(), status::NewerRequestVersion);
-    EXPECT_TRUE(reaches(byName[L"playing"], state::Play));
-    EXPECT_FALSE(byName[L"paused"]->isRunning() || byName[L"gone"]->isRunning());
+    EXPECT_TRUE(reaches(byName[L"playing"], state::Play) && !byName[L"paused"]->isRunning() && !byName[L"gone"]->isRunning());
 }
 
 TEST_F(Control, TheManagerChecksVersionsSpaceAndItsDefaultFolder)
@@ -236,76 +182,31 @@ TEST_F(Control, TheManagerChecksVersionsSpaceAndItsDefaultFolder)
         EXPECT_EQ(manager->checkRequest(&probe), expected) << qvtest::narrow(version);
     }
     EXPECT_EQ(manager->checkRequest(&refused), validation::Forbidden);
-    FakeRequest* a = request(L"a.bin");
-    a->setUncompressedSize(500);
-    a->setTotalDownloadedSize(100);
-    a->setBlockDownloadedSize(50);
-    Download* da = manager->addDownload(a);
+    ASSERT_NE(manager->addDownload(request(L"a.bin")), nullptr);
     EXPECT_EQ(manager->checkRequest(&probe), validation::AlreadyAdded);
-    EXPECT_EQ(manager->getPendingSpace(scratch.path().c_str()), 350u);
-    da->pause();
-    EXPECT_EQ(manager->getPendingSpace(scratch.path().c_str()), 0u);
+    FakeRequest* huge = request(L"huge.bin"); // more than any disk holds
+    huge->setUncompressedSize(0x4000000000000000ull);
+    Download* dh = manager->addDownload(huge);
+    EXPECT_FALSE(manager->control(dh, command::Start) || dh->getState() != state::Paused);
+    EXPECT_TRUE(dh->getStatus() == status::OutOfDiskSpace && events.has(dh, event::StatusMessage, msg::OutOfDiskSpace));
+    std::wstring tooLong = scratch.path() + L"\\";
+    tooLong.append(247 - tooLong.size(), L'd');
+    SetLastError(0);
+    EXPECT_TRUE(!manager->addDownload(request(L"long.bin", tooLong.substr(scratch.path().size() + 1))) && GetLastError() == 111u);
     FakeRequest* noDrive = request(L"c");
     noDrive->setDestDir((scratch.path().substr(2) + L"\\nodrive").c_str()); // rooted, without a drive letter
     noDrive->setUncompressedSize(1000);
     Download* dc = manager->addDownload(noDrive);
-    ASSERT_NE(dc, nullptr);
     EXPECT_FALSE(manager->control(dc, command::Start));
-    EXPECT_EQ(dc->getStatus(), status::GeneralError);
-    EXPECT_TRUE(events.has(dc, event::Error, msg::GeneralError));
+    EXPECT_TRUE(dc->getStatus() == status::GeneralError && events.has(dc, event::Error, msg::GeneralError));
 
     DeleteFileW(store.getPath());
     wchar_t buffer[300] = {};
     const std::wstring expected = qvtest::env(L"SystemDrive") + L"\\Quorvel";
-    EXPECT_EQ(manager->getDefaultDestDir(buffer, 300), expected.size());
-    EXPECT_EQ(std::wstring(buffer), expected);
+    EXPECT_TRUE(manager->getDefaultDestDir(buffer, 300) == expected.size() && buffer == expected) << qvtest::narrow(buffer);
     std::string bytes;
     EXPECT_TRUE(qvtest::readFile(store.getPath(), bytes) && bytes.rfind("\xFF\xFE", 0) == 0);
     EXPECT_EQ(manager->getDefaultDestDir(buffer, 3), 0xFFFFFFFFu);
-}
-
-TEST_F(Control, FoldersThatCannotMergeFailAndDeepOnesMove)
-{
-    for (const wchar_t* path : {L"clash\\inside.txt", L"QV_3.tmp\\clash"}) // a file where a folder stands
-        ASSERT_TRUE(qv::createFolderTree(qv::parentFolder(scratch / path)) && qvtest::writeFile(scratch / path, "x"));
-    EXPECT_FALSE(qv::moveContentsUp(scratch / L"QV_3.tmp"));
-    EXPECT_TRUE(qvtest::fileExists(scratch / L"QV_3.tmp\\clash") && qvtest::fileExists(scratch / L"clash\\inside.txt"));
-    std::wstring deep = L"QV_4.tmp";
-    while (deep.size() < 300)
-        deep += L"\\a_rather_long_folder_name";
-    ASSERT_TRUE(qv::createFolderTree(scratch / deep) && qvtest::writeFile(scratch / (deep + L"\\f.txt"), "d"));
-    SetFileAttributesW(qv::longForm(scratch / (deep + L"\\f.txt")).c_str(), FILE_ATTRIBUTE_READONLY);
-    ASSERT_TRUE(qv::moveContentsUp(scratch / L"QV_4.tmp"));
-    EXPECT_TRUE(qv::fileExists(qv::longForm(scratch / (deep.substr(9) + L"\\f.txt"))));
-    EXPECT_TRUE(qv::deleteTree(scratch / L"a_rather_long_folder_name") && !qv::folderExists(scratch / L"a_rather_long_folder_name"));
-}
-
-TEST_F(Control, LaunchFilesAreFoundInAnySubfolderAndRead)
-{
-    const std::wstring utf16 = L"\xFEFF[DLM_LAUNCH]\r\nEXE_PATH=\u00fcn\u00efcode.exe\r\nAUTO_OPEN=1\r\n";
-    const struct {
-        const wchar_t* file;
-        std::string text;
-        const wchar_t *path, *param;
-        bool autoOpen;
-    } rows[] = {
-        {L"dlm.ini", "[DLM_LAUNCH]\r\nEXE_PATH=run.exe\r\n", L"run.exe", L"0", false},
-        {L"dlm.ini", "[DLM_LAUNCH]\r\nEXE_PATH=x.exe\r\nEXE_PARAM=/URL http://a\r\nAUTO_OPEN=0\r\n", L"x.exe", L"/URL http://a", true},
-        {L"a\\b\\DLM.INI", "[DLM_LAUNCH]\r\nEXE_PATH=deep.exe\r\nEXE_PARAM=p\r\nAUTO_OPEN=yes\r\n", L"deep.exe", L"p", false},
-        {L"dlm.ini", std::string(reinterpret_cast<const char*>(utf16.data()), utf16.size() * 2), L"\u00fcn\u00efcode.exe", L"0", true},
-        {L"readme.txt", "no launch file", L"before.exe", L"-x", true}};
-    for (const auto& row : rows) {
-        std::unique_ptr<FakeRequest> r(request(L"p" + std::to_wstring(&row - rows), L"QV_" + std::to_wstring(&row - rows)));
-        r->setExePath(L"before.exe");
-        r->setExeParam(L"-x");
-        r->setAutoOpen(true);
-        const std::wstring file = std::wstring(r->getDestDir()) + L"\\" + row.file;
-        ASSERT_TRUE(qv::createFolderTree(qv::parentFolder(file)) && qvtest::writeFile(file, row.text));
-        EXPECT_EQ(qv::applyLaunchSettings(r.get(), &store), row.file != std::wstring(L"readme.txt"));
-        EXPECT_STREQ(r->getExePath(), row.path);
-        EXPECT_STREQ(r->getExeParam(), row.param);
-        EXPECT_EQ(r->getAutoOpen(), row.autoOpen) << qvtest::narrow(row.path);
-    }
 }
 
 } // namespace

@@ -1,9 +1,7 @@
 // Whole downloads through the manager and the library's real stages, from nginx and the fault server:
 // plain files and packages (also under resets and 500 answers), pause, stop and restore by a new
-// manager, discard, the limit of active downloads, long destinations and disk shortfall.
+// manager, and discard. The limit of active downloads is in ControlTest.cpp, kills in KillTest.cpp.
 #include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "E2eSupport.h"
 #include "support/EventRecorder.h"
@@ -39,21 +37,9 @@ protected:
         EXPECT_NE(d, nullptr) << qvtest::narrow(url);
         return d;
     }
-    static bool reaches(Download* d, unsigned state, DWORD ms = kRunMs)
-    {
-        return e2e::waitFor([&] { return d->getState() == state; }, ms);
-    }
+    static bool reaches(Download* d, unsigned state) { return e2e::waitFor([&] { return d->getState() == state; }, kRunMs); }
     static bool holds(Download* d, uint64_t bytes) { return e2e::waitFor([&] { return d->getDownloadedSize() >= bytes; }, kRunMs); }
     bool idle() { return e2e::waitFor([&] { return !manager->anyRunning(); }, kRunMs); }
-    // Position of the first change of d into state among the events, or -1.
-    int when(Download* d, uint64_t state)
-    {
-        const auto all = events.events();
-        for (size_t i = 0; i < all.size(); ++i)
-            if (all[i].source == d && all[i].kind == event::StateChange && all[i].value == state)
-                return static_cast<int>(i);
-        return -1;
-    }
 
     qvtest::ScratchDir scratch{L"control-e2e"};
     const std::wstring dest = scratch / L"dest", served = e2e::servedFolder();
@@ -77,6 +63,10 @@ TEST_F(EndToEnd, PlainFilesArriveWholeAndLeaveNothingBehind)
         EXPECT_NE(std::wstring(d->getRequest()->getDate()), L"");
         EXPECT_EQ(d->getStatus(), 0u);
     }
+    DownloadRequest* untrusted = QvDLM::createDownloadRequest();
+    untrusted->setUrl(L"http://127.0.0.1:1/plain.bin", nullptr, nullptr);
+    EXPECT_EQ(manager->checkRequest(untrusted), validation::OpenFailure);
+    QvDLM::destroy(untrusted);
 }
 
 TEST_F(EndToEnd, PackagesUnpackByteIdenticalThroughResetsAndServerErrors)
@@ -111,7 +101,7 @@ TEST_F(EndToEnd, PackagesUnpackByteIdenticalThroughResetsAndServerErrors)
         EXPECT_STREQ(d->getRequest()->getExeParam(), L"-play");
         EXPECT_TRUE(d->getRequest()->getAutoOpen());
         // A reset is met by a reconnect, on which the manager re-initialises the download.
-        EXPECT_TRUE(!row.reconnects || when(d, state::Init) >= 0);
+        EXPECT_TRUE(!row.reconnects || events.has(d, event::StateChange, state::Init));
     }
 }
 
@@ -162,51 +152,6 @@ TEST_F(EndToEnd, PauseStopRestoreInANewManagerAndDiscard)
     ASSERT_TRUE(idle());
     EXPECT_FALSE(qvtest::fileExists(thrownDir) || qvtest::fileExists(thrownChk));
     EXPECT_EQ(thrown->getDownloadedSize(), 0u);
-}
-
-TEST_F(EndToEnd, ThreeRunAtOnceAndTheFourthStartsWhenOneCompletes)
-{
-    Download* d[4];
-    for (int i = 0; i < 4; ++i)
-        ASSERT_NE(d[i] = add(serverUrl(L"plain" + std::to_wstring(i) + L".bin" + kSlow)), nullptr);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(manager->startDownload(d[i]), i < 3) << i << std::hex << " " << d[i]->getState() << " " << d[i]->getStatus();
-    EXPECT_EQ(d[3]->getState(), state::Pending);
-    for (Download* x : d)
-        ASSERT_TRUE(reaches(x, state::Completed)) << std::hex << x->getState() << " " << x->getStatus();
-    EXPECT_GT(when(d[3], state::Play), std::min({when(d[0], 0), when(d[1], 0), when(d[2], 0)}));
-    for (int i = 0; i < 4; ++i)
-        EXPECT_TRUE(e2e::sameFile(served + L"\\plain.bin", dest + L"\\plain" + std::to_wstring(i) + L".bin"));
-}
-
-TEST_F(EndToEnd, LongDestinationsDiskShortfallAndUntrustedHosts)
-{
-    std::wstring longDest = scratch.path() + L"\\";
-    longDest.append(247 - longDest.size(), L'd');
-    SetLastError(0);
-    DownloadRequest* refused = QvDLM::createDownloadRequest();
-    refused->setUrl(serverUrl(L"plain.bin").c_str(), nullptr, nullptr);
-    refused->setDestDir(longDest.c_str());
-    EXPECT_EQ(manager->addDownload(refused), nullptr);
-    EXPECT_EQ(GetLastError(), 111u);
-    QvDLM::destroy(refused);
-    longDest.resize(246);
-    Download* d = add(serverUrl(L"plain.bin"), 0x2BC00000, longDest);
-    ASSERT_TRUE(manager->startDownload(d));
-    ASSERT_TRUE(reaches(d, state::Completed)) << std::hex << d->getState() << " " << d->getStatus();
-    EXPECT_TRUE(e2e::sameFile(served + L"\\plain.bin", longDest + L"\\plain.bin"));
-
-    Download* huge = add(serverUrl(L"plain0.bin"));
-    huge->getRequest()->setUncompressedSize(0x4000000000000000ull);
-    EXPECT_FALSE(manager->control(huge, command::Start));
-    EXPECT_EQ(huge->getState(), state::Paused);
-    EXPECT_EQ(huge->getStatus(), status::OutOfDiskSpace);
-    EXPECT_TRUE(events.hasText(L"extraRequiredSpace: "));
-
-    DownloadRequest* untrusted = QvDLM::createDownloadRequest();
-    untrusted->setUrl(L"http://127.0.0.1:1/plain.bin", nullptr, nullptr);
-    EXPECT_EQ(manager->checkRequest(untrusted), validation::OpenFailure);
-    QvDLM::destroy(untrusted);
 }
 
 } // namespace

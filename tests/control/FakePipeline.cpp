@@ -24,7 +24,7 @@ uint32_t __stdcall FakeStages::thread(void* parameter)
     PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
     uint32_t code = qvdlm::state::Aborting;
     if (target->prepare(stage, true))
-        for (int round = 0; round < 60000; ++round, ++stage->rounds) { // bounded: a few minutes at most
+        for (int round = 0; round < 60000; ++round) { // bounded: a few minutes at most
             if (data->job->stopRequested() || (stage->plan.steps >= 0 && round >= stage->plan.steps)) {
                 code = data->job->stopRequested() ? data->job->status() : stage->plan.exitCode;
                 break;

@@ -9,14 +9,8 @@ namespace {
 
 constexpr uint64_t kLinkBuffer = 0x400000;
 
-struct Outcome {
-    DWORD exitCode = 0xFFFFFFFF;
-    uint64_t restoredFrom = 0, held = 0;
-    std::string last;
-};
-
-// Runs the driver with these arguments to its end; what it printed comes back through a file.
-Outcome drive(const qvtest::ScratchDir& scratch, const std::wstring& arguments)
+// Runs the driver with these arguments to its end; answers its exit code and, in text, what it printed.
+DWORD drive(const qvtest::ScratchDir& scratch, const std::wstring& arguments, std::string& text)
 {
     wchar_t self[MAX_PATH] = {};
     GetModuleFileNameW(nullptr, self, MAX_PATH);
@@ -29,25 +23,25 @@ Outcome drive(const qvtest::ScratchDir& scratch, const std::wstring& arguments)
     startup.dwFlags = STARTF_USESTDHANDLES;
     startup.hStdOutput = startup.hStdError = file;
     PROCESS_INFORMATION info{};
-    Outcome run;
+    DWORD code = 0xFFFFFFFF;
     if (CreateProcessW(nullptr, command.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup, &info)) {
         if (WaitForSingleObject(info.hProcess, 100000) != WAIT_OBJECT_0)
             TerminateProcess(info.hProcess, 99);
-        GetExitCodeProcess(info.hProcess, &run.exitCode);
+        GetExitCodeProcess(info.hProcess, &code);
         CloseHandle(info.hThread);
         CloseHandle(info.hProcess);
     }
     CloseHandle(file);
-    std::string text;
     qvtest::readFile(output, text);
-    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1) {
-        const std::string line = text.substr(at, end - at - (end > at && text[end - 1] == '\r'));
-        if (line.rfind("R ", 0) == 0 || line.rfind("P ", 0) == 0 || line.rfind("KILL ", 0) == 0)
-            (line[0] == 'R' ? run.restoredFrom : run.held) = std::strtoull(line.c_str() + line.find(' '), nullptr, 10);
-        if (line.rfind("DONE", 0) == 0 || line.rfind("KILL", 0) == 0)
-            run.last = line;
-    }
-    return run;
+    text.insert(0, "\n");
+    return code;
+}
+
+// The number on the last line that begins with prefix ("R 123" after a restore, "KILL 456" at a kill).
+uint64_t value(const std::string& text, const std::string& prefix)
+{
+    const size_t at = text.rfind("\n" + prefix);
+    return at == std::string::npos ? 0 : std::strtoull(text.c_str() + at + 1 + prefix.size(), nullptr, 10);
 }
 
 TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
@@ -63,17 +57,18 @@ TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
         SCOPED_TRACE(qvtest::narrow(row.file));
         qvtest::ScratchDir scratch{L"control-kill"};
         const std::wstring store = L"\"" + scratch / L"store\\download.info" + L"\" ", dest = scratch / L"dest";
-        Outcome run = drive(scratch, L"start " + store + e2e::serverUrl(row.file) + L"?rate=16777216 \"" + dest + L"\" " +
-                                     std::to_wstring(row.interval) + L" @" + std::to_wstring(row.kills[0]) + L" 100");
+        std::string text;
+        DWORD code = drive(scratch, L"start " + store + e2e::serverUrl(row.file) + L"?rate=16777216 \"" + dest + L"\" " +
+                                        std::to_wstring(row.interval) + L" @" + std::to_wstring(row.kills[0]) + L" 100", text);
         for (size_t kill = 1; kill <= row.kills.size(); ++kill) {
-            ASSERT_EQ(run.exitCode, 9u) << run.last;
-            const uint64_t killedAt = run.held;
-            run = drive(scratch, L"resume " + store + (kill < row.kills.size() ? L"@" + std::to_wstring(row.kills[kill]) : L"none") + L" 100");
-            EXPECT_GT(run.restoredFrom, 0u);
-            EXPECT_LE(killedAt, run.restoredFrom + row.interval + row.lag);
+            ASSERT_EQ(code, 9u) << text;
+            const uint64_t killedAt = value(text, "KILL ");
+            code = drive(scratch, L"resume " + store + (kill < row.kills.size() ? L"@" + std::to_wstring(row.kills[kill]) : L"none") + L" 100", text);
+            EXPECT_GT(value(text, "R "), 0u);
+            EXPECT_LE(killedAt, value(text, "R ") + row.interval + row.lag);
         }
-        EXPECT_EQ(run.last.rfind("DONE 0 ", 0), 0u) << run.last;
-        EXPECT_EQ(run.exitCode, 0u);
+        EXPECT_NE(text.find("\nDONE 0 "), std::string::npos) << text;
+        EXPECT_EQ(code, 0u);
         EXPECT_TRUE(row.file == std::wstring(L"mid.bin") ? e2e::sameFile(e2e::servedFolder() + L"\\mid.bin", dest + L"\\mid.bin")
                                                         : bool(e2e::sameTree(e2e::servedFolder() + L"\\pkgsrc", dest)));
         EXPECT_FALSE(e2e::hasEntry(dest, L"QV_"));

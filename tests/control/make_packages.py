@@ -1,6 +1,6 @@
 """Makes the files that the download tests fetch, in the folder given (the fault server serves it at
 /file/control/):
-  plain.bin, mid.bin       patterned bytes; plain0.bin .. plain3.bin four names for plain.bin
+  plain.bin, mid.bin       patterned bytes
   pkgsrc/                  a folder tree (with a dlm.ini in a subfolder)
   pkg.tar.lzma2            that tree as one package (GNU tar, raw LZMA2 behind its property byte)
   multi_001_003.tar.lzma2 .. multi_003_003.tar.lzma2   the same package split at uneven offsets
@@ -12,22 +12,17 @@ root = sys.argv[1]
 
 def write(path, data):
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(data)
+    open(path, "wb").write(data)
 
 
 def text(size, seed):
-    words = [b"alpha ", b"beta ", b"gamma ", b"delta ", b"tarnwick ", b"quorvel ", b"block ", b"\n"]
-    return b"".join(random.Random(seed).choices(words, k=size // 4 + 1))[:size]
+    return b"".join(random.Random(seed).choices([b"alpha ", b"beta ", b"tarnwick ", b"quorvel ", b"\n"], k=size))[:size]
 
 
 for name, size, seed in [("plain.bin", 6 * 1024 * 1024 + 123, 1), ("mid.bin", 24 * 1024 * 1024 + 3, 8)]:
     path = os.path.join(root, name)
     if not os.path.isfile(path) or os.path.getsize(path) != size:
         write(path, random.Random(seed).randbytes(size))
-for i in range(4):  # downloads of one URL share a store section; these do not
-    if not os.path.exists(os.path.join(root, "plain%d.bin" % i)):
-        os.link(os.path.join(root, "plain.bin"), os.path.join(root, "plain%d.bin" % i))
 if not os.path.exists(os.path.join(root, "multi_003_003.tar.lzma2")):
     src = os.path.join(root, "pkgsrc")
     shutil.rmtree(src, ignore_errors=True)

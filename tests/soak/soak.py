@@ -8,7 +8,7 @@ tree byte-identical to the package's source. A run's schedule comes from its see
   soak.py --build BUILD --seed SEED --mix MIX   (--short: the ctest runs; --full: 100 kills in 20 runs)
 A mix counts k kills, e early kills, f FINs, r resets, s stalls, h single and H double 500 answers, p
 expired proxy logins (any p makes the run go through the proxy)."""
-import argparse, filecmp, json, os, queue, random, re, shutil, signal, subprocess, sys, threading, time
+import argparse, contextlib, filecmp, functools, json, os, queue, random, re, shutil, signal, subprocess, sys, threading, time
 import urllib.request, zlib
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -24,11 +24,10 @@ class Failure(Exception):
     pass
 
 
-def log(text=""):
-    print(text, flush=True)
+log = functools.partial(print, flush=True)
 
 
-def win(path):
+def win(path):  # the Wine path of a Linux one
     return "Z:" + os.path.abspath(path).replace("/", "\\")
 
 
@@ -48,8 +47,7 @@ def make_package(work):
     for rel, size in list(files.items()) + [("data/random.bin", -(13 * 1024 * 1024 + 11)), ("data/exact.bin", -4608),
                                             ("tail/random2.bin", -(3 * 1024 * 1024 + 5))]:
         os.makedirs(os.path.dirname(os.path.join(src, rel)), exist_ok=True)
-        with open(os.path.join(src, rel), "wb") as f:
-            f.write(rnd.randbytes(-size) if size < 0 else b"".join(rnd.choices(words, k=size))[:size])
+        open(os.path.join(src, rel), "wb").write(rnd.randbytes(-size) if size < 0 else b"".join(rnd.choices(words, k=size))[:size])
     os.makedirs(os.path.join(src, "emptydir"))
     tar = subprocess.run(["tar", "--format=gnu", "--sort=name", "--owner=0", "--group=0", "--numeric-owner",
                           "--mtime=@1577836800", "-C", src, "-cf", "-", "."], check=True, stdout=subprocess.PIPE).stdout
@@ -66,8 +64,7 @@ def make_package(work):
     cuts = [0] + sorted(random.Random(78).sample(range(len(package) // 10, len(package) * 9 // 10), BLOCKS - 1))
     os.makedirs(www)
     for name, begin, end in zip(names, cuts, cuts[1:] + [len(package)]):
-        with open(os.path.join(www, name), "wb") as f:
-            f.write(package[begin:end])
+        open(os.path.join(www, name), "wb").write(package[begin:end])
     open(stamp, "w").close()
     return src, www, names
 
@@ -121,10 +118,8 @@ class Driver:
             return ""
 
     def kill(self):  # the Wine loader execs into the Windows process: this pid is the process itself
-        try:
+        with contextlib.suppress(ProcessLookupError):
             os.kill(self.process.pid, signal.SIGKILL)
-        except ProcessLookupError:
-            pass
 
     def finish(self):
         try:
@@ -146,13 +141,10 @@ def run(args, control, src, names, index, seed, mix, deadline):
     os.makedirs(folder)
     store, dest, die = win(os.path.join(folder, "store", "download.info")), os.path.join(folder, "dest"), os.path.join(folder, "die")
     control("/__reset?rate=%d&blocks=%s%s" % (RATE, ",".join(names), "&proxy=1" if proxied else ""))
-    for e in events:
-        control("/__arm?kind=%s&at=%d" % (e["kind"], e["at"])) if e not in kills else None
-    for name, count in answers:
-        control("/__arm?kind=http500&name=%s&count=%d" % (name, count))
+    [control(arm) for arm in ["/__arm?kind=%s&at=%d" % (e["kind"], e["at"]) for e in events if e not in kills]
+     + ["/__arm?kind=http500&name=%s&count=%d" % answer for answer in answers]]
     for number in range(len(kills) + 4):
-        if os.path.exists(die):
-            os.remove(die)
+        _ = os.path.exists(die) and os.remove(die)
         cmd = (["start", store, "http://localhost:%d/file/%s" % (args.port, names[0]), win(dest), str(SAVE_INTERVAL)]
                if number == 0 else ["resume", store]) + [win(die), str(PROCESS_S)]
         cmd += list(PROXY[1:]) if proxied and number == 0 else []
@@ -191,7 +183,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
     if problems:
         raise Failure("the tree differs from its source: %s (kept in %s)" % (problems[:10], folder))
     report = json.loads(control("/__report"))
-    if report["unfired"] or (proxied and report["proxy"]["answered"] < 1 + mix.count("p")):
+    if report["unfired"] or (proxied and report["proxy"]["answered"] < 1 + int(re.search(r"p(\d+)", mix).group(1))):
         raise Failure("faults not met: %s, proxy %s" % (report["unfired"], report["proxy"]))
     log("  completed with %d processes, tree identical; %d bytes served for %d in %d requests; proxy 407s %s"
         % (number + 1, report["high"] + sum(f["refetched"] for f in report["faults"]), total, report["requests"], report["proxy"]))
@@ -206,22 +198,19 @@ def main():
     parser.add_argument("--build", required=True)
     parser.add_argument("--work")
     parser.add_argument("--port", type=int, default=int(os.environ.get("QVDLM_TEST_PORT_BASE", "19200")) + 7)
-    parser.add_argument("--short", action="store_true")
-    parser.add_argument("--full", action="store_true")
+    for flag in ("--short", "--full"):
+        parser.add_argument(flag, action="store_true")
     parser.add_argument("--seed", type=int)
     parser.add_argument("--mix", default="k5f1r1s1h1")
     args = parser.parse_args()
     args.build = os.path.abspath(args.build)
     args.work = os.path.abspath(args.work or os.path.join(args.build, "test-work", "soak"))
     runs, budget = (FULL_RUNS, 1800) if args.full else ([(args.seed, args.mix)], 900) if args.seed else (SHORT_RUNS, 170)
-    os.makedirs(args.work, exist_ok=True)
     deadline, began = time.monotonic() + budget, time.monotonic()
     src, www, names = make_package(args.work)
     # Wine's background services start here, apart from the drivers' pipes.
     subprocess.run([os.path.join(args.build, "wine-run"), "cmd", "/c", "exit"], stdin=subprocess.DEVNULL,
                    stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True, timeout=120)
-    pidfile = os.path.join(args.work, "faultserver.pid")
-    # Detached from the soak's own output: ctest waits for every holder of a test's pipes.
     subprocess.run(["sh", os.path.join(FIXTURES, "faultserver-start.sh"), sys.executable, args.work, str(args.port), www],
                    check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     control = lambda path: urllib.request.urlopen("http://127.0.0.1:%d%s" % (args.port, path), timeout=10).read().decode()
@@ -238,7 +227,7 @@ def main():
                                 "forget", PROXY[0]], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL, start_new_session=True, timeout=60) if "p" in mix else None
     finally:
-        subprocess.run(["sh", os.path.join(FIXTURES, "stop-pid.sh"), pidfile, "faultserver.py"])
+        subprocess.run(["sh", os.path.join(FIXTURES, "stop-pid.sh"), os.path.join(args.work, "faultserver.pid"), "faultserver.py"])
     log("\nsoak: %d of %d runs identical in %.0f s; per fault kind: count, served again mean/max, seconds max"
         % (len(runs) - len(failures), len(runs), time.monotonic() - began))
     for kind in KILLS + ("fin", "rst", "stall", "p407", "http500"):
