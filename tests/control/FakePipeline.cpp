@@ -3,56 +3,51 @@
 #include "Download.h"
 #include "QvDLMCodes.h"
 
-uint32_t __stdcall fakeStageThread(void* parameter)
+bool FakeTarget::prepare(Stream* stage, bool)
+{
+    PipelineJob* job = data_.job;
+    ready = job->request()->getCheckpointId() != 0 && !job->restoreStage(data_.stageName, stage) ? 2 : 1;
+    for (int i = 0; i < 200000 && job->startGate() == 0; ++i) {
+        if (job->status() == qvdlm::state::Exiting || job->status() == qvdlm::state::Aborting)
+            return false;
+        Sleep(0);
+    }
+    return job->startGate() == 1 && ready == 1;
+}
+
+uint32_t __stdcall FakeStages::thread(void* parameter)
 {
     auto* target = static_cast<Target*>(parameter);
     auto* data = dynamic_cast<StreamThreadData*>(target->threadData());
     auto* stage = dynamic_cast<FakeStage*>(data->stage);
-    PipelineJob* job = data->job;
     MSG message;
     PeekMessageW(&message, nullptr, WM_USER, WM_USER, PM_NOREMOVE);
-    if (!target->prepare(stage, true)) {
-        stage->setLastStatus(qvdlm::state::Aborting);
-        return qvdlm::state::Aborting;
-    }
-    // Bounded: a worker never outlives a few minutes even if nobody stops it.
-    for (int round = 0; round < 60000; ++round) {
-        if (job->stopRequested()) {
-            stage->setLastStatus(job->status());
-            return job->status();
-        }
-        if (stage->plan.steps >= 0 && round >= stage->plan.steps) {
-            stage->setLastStatus(stage->plan.exitCode);
-            return stage->plan.exitCode;
-        }
-        if (stage->plan.bytesPerStep)
-            job->download()->setBlockDownloadedSize(job->request()->getBlockDownloadedSize() + stage->plan.bytesPerStep);
-        ++stage->rounds;
-        // Waits end on posted messages too, as the real workers' do.
-        if (MsgWaitForMultipleObjects(0, nullptr, FALSE, 2, QS_ALLPOSTMESSAGE) == WAIT_OBJECT_0)
-            while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+    uint32_t code = qvdlm::state::Aborting;
+    if (target->prepare(stage, true))
+        for (int round = 0; round < 60000; ++round) { // bounded: a few minutes at most
+            if (data->job->stopRequested() || (stage->plan.steps >= 0 && round >= stage->plan.steps)) {
+                code = data->job->stopRequested() ? data->job->status() : stage->plan.exitCode;
+                break;
             }
-    }
-    return 0;
+            // Waits end on posted messages too, as the real workers' do.
+            if (MsgWaitForMultipleObjects(0, nullptr, FALSE, 2, QS_ALLPOSTMESSAGE) == WAIT_OBJECT_0)
+                while (PeekMessageW(&message, nullptr, 0, 0, PM_REMOVE)) {
+                }
+        }
+    stage->setLastStatus(code);
+    return code;
 }
 
 bool waitUntil(const std::function<bool()>& done, DWORD timeoutMs)
 {
-    const ULONGLONG end = GetTickCount64() + timeoutMs;
-    while (!done()) {
+    for (const ULONGLONG end = GetTickCount64() + timeoutMs; !done(); Sleep(5))
         if (GetTickCount64() > end)
             return done();
-        Sleep(5);
-    }
     return true;
 }
 
 JobEnvironment fakeEnvironment(FakeStages* stages, DownloadRequestLog* (*store)(),
                                unsigned long (*validate)(DownloadRequest*))
 {
-    JobEnvironment env;
-    env.stages = stages;
-    env.store = store;
-    env.validate = validate;
-    return env;
+    return JobEnvironment{stages, store, validate};
 }

@@ -1,68 +1,42 @@
-#!/usr/bin/env python3
-"""Makes the files that the download tests fetch, under WORKDIR/www-control:
-  plain.bin, mid.bin, big.bin   plain files of patterned bytes
+"""Makes the files that the download tests fetch, in the folder given (the fault server serves it at
+/file/control/):
+  plain.bin, mid.bin       patterned bytes
   pkgsrc/                  a folder tree (with a dlm.ini in a subfolder)
-  pkg.tar.lzma2            that tree as one LZMA2 package (GNU tar, raw LZMA2 with its property byte)
-  multi_001_003.tar.lzma2 .. multi_003_003.tar.lzma2   the same package split at uneven byte offsets
-usage: make_packages.py WORKDIR
+  pkg.tar.lzma2            that tree as one package (GNU tar, raw LZMA2 behind its property byte)
+  multi_001_003.tar.lzma2 .. multi_003_003.tar.lzma2   the same package split at uneven offsets
 """
-import os
-import random
-import shutil
-import subprocess
-import sys
+import os, random, shutil, subprocess, sys
 
-root = os.path.join(sys.argv[1], "www-control")
-os.makedirs(root, exist_ok=True)
-
-
-def pattern(size, seed):
-    return random.Random(seed).randbytes(size)
-
-
-def text(size, seed):
-    rnd = random.Random(seed)
-    words = [b"alpha ", b"beta ", b"gamma ", b"delta ", b"tarnwick ", b"quorvel ", b"block ", b"\n"]
-    out = b"".join(rnd.choices(words, k=size // 4 + 1))
-    return out[:size]
+root = sys.argv[1]
 
 
 def write(path, data):
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(data)
+    open(path, "wb").write(data)
 
 
-def make_plain(name, size, seed):
+def text(size, seed):
+    return b"".join(random.Random(seed).choices([b"alpha ", b"beta ", b"tarnwick ", b"quorvel ", b"\n"], k=size))[:size]
+
+
+for name, size, seed in [("plain.bin", 6 * 1024 * 1024 + 123, 1), ("mid.bin", 24 * 1024 * 1024 + 3, 8)]:
     path = os.path.join(root, name)
-    if not os.path.exists(path) or os.path.getsize(path) != size:
-        write(path, pattern(size, seed)[:size])
-
-
-make_plain("plain.bin", 6 * 1024 * 1024 + 123, 1)
-make_plain("big.bin", 48 * 1024 * 1024 + 7, 2)
-make_plain("mid.bin", 24 * 1024 * 1024 + 3, 8)
-# Four names for one file: downloads of the same URL share a store section, these do not.
-for i in range(4):
-    twin = os.path.join(root, "plain%d.bin" % i)
-    if not os.path.exists(twin):
-        os.link(os.path.join(root, "plain.bin"), twin)
-
-src = os.path.join(root, "pkgsrc")
+    if not os.path.isfile(path) or os.path.getsize(path) != size:
+        write(path, random.Random(seed).randbytes(size))
 if not os.path.exists(os.path.join(root, "multi_003_003.tar.lzma2")):
+    src = os.path.join(root, "pkgsrc")
     shutil.rmtree(src, ignore_errors=True)
     write(os.path.join(src, "readme.txt"), text(5000, 3))
-    write(os.path.join(src, "data", "random.bin"), pattern(20 * 1024 * 1024 + 5, 4))
+    write(os.path.join(src, "data", "random.bin"), random.Random(4).randbytes(20 * 1024 * 1024 + 5))
     write(os.path.join(src, "data", "words.txt"), text(6 * 1024 * 1024, 5))
     write(os.path.join(src, "data", "empty.txt"), b"")
-    write(os.path.join(src, "data", "exact.bin"), pattern(512 * 7, 6)[: 512 * 7])
+    write(os.path.join(src, "data", "exact.bin"), random.Random(6).randbytes(512 * 7))
     write(os.path.join(src, "a" * 60, "b" * 60, "long-name-" + "c" * 40 + ".txt"), text(777, 7))
     write(os.path.join(src, "bin", "dlm.ini"), b"[DLM_LAUNCH]\r\nEXE_PATH=bin\\game.exe\r\nEXE_PARAM=-play\r\nAUTO_OPEN=1\r\n")
     tar = subprocess.run(["tar", "--format=gnu", "--sort=name", "-C", src, "-cf", "-", "."], check=True,
                          stdout=subprocess.PIPE).stdout
-    xz = subprocess.run(["xz", "--format=raw", "--lzma2=preset=1,dict=8MiB", "-c"], input=tar, check=True,
-                        stdout=subprocess.PIPE).stdout
-    package = b"\x16" + xz  # the dictionary property byte of an 8 MiB dictionary
+    package = b"\x16" + subprocess.run(["xz", "--format=raw", "--lzma2=preset=1,dict=8MiB", "-c"], input=tar,
+                                       check=True, stdout=subprocess.PIPE).stdout  # 0x16: an 8 MiB dictionary
     write(os.path.join(root, "pkg.tar.lzma2"), package)
     cuts = [0, len(package) // 3 + 17, 2 * len(package) // 3 - 5, len(package)]
     for i in range(3):

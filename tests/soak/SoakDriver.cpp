@@ -1,24 +1,21 @@
-// The client process of the fault-tolerance soak: it runs one download through the public interface
-// only (or restores the stored ones in a new process) and prints its progress on standard output.
-// It ends itself with TerminateProcess as soon as the file DIE_FILE exists, the same abrupt end as a
-// crash or a killed installer; the soak also kills it from outside.
+// The client process of the soak and the kill test: it runs one download through the public interface
+// only (or restores the stored ones in a new process) and prints its progress on standard output. It
+// ends itself with TerminateProcess, the abrupt end of a crash or a killed installer, as soon as the file
+// DIE exists, or once it holds N bytes when DIE is "@N"; the soak also kills it from outside.
 //
-//   soak_driver start STORE URL DEST SAVE_INTERVAL DIE_FILE LIMIT_S [PROXY_USER PROXY_PASSWORD]
-//   soak_driver resume STORE DIE_FILE LIMIT_S
+//   soak_driver start STORE URL DEST SAVE_INTERVAL DIE LIMIT_S [PROXY_USER PROXY_PASSWORD]
+//   soak_driver resume STORE DIE LIMIT_S
 //   soak_driver forget PROXY_HOST
 //
-// With proxy credentials, "start" first hands them to the proxy lookup, as an installer that asks its
-// user up front would; the lookup keeps them in the credential store, where later processes' answers
-// to a 407 find them. "forget" removes that stored credential again.
-//
-// Lines: "R <bytes>" after a restore, "P <bytes> <state>" every few milliseconds,
-// "KILL <bytes>" just before TerminateProcess, "DONE <state> <status>" at the end (exit code 0 when the
-// download completed), "DONE timeout" after LIMIT_S seconds, "DONE none" when there is no download,
-// "DONE proxy <status>" when the proxy lookup did not accept the credentials.
+// With proxy credentials, "start" first hands them to the proxy lookup (as an installer that asks its
+// user up front), which keeps them in the credential store for later processes' answers to a 407;
+// "forget" removes them again. Lines: "R <bytes>" after a restore, "P <bytes> <state>" whenever
+// something moved (at least twice a second), "KILL <bytes>" just before TerminateProcess, and at the
+// end "DONE <state> <status>" (exit code 0 when completed), "DONE timeout" after LIMIT_S seconds,
+// "DONE none" without a download, "DONE proxy <status>" when the lookup refused the credentials.
 #include <windows.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <cwchar>
 #include <string>
 #include <wincred.h>
@@ -27,82 +24,53 @@
 
 namespace {
 
-constexpr UINT kKilledExitCode = 9;
-
 std::string utf8(const wchar_t* text)
 {
-    const int length = WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr);
-    if (length <= 1)
-        return {};
-    std::string out(static_cast<size_t>(length), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), length, nullptr, nullptr);
-    out.resize(static_cast<size_t>(length - 1));
-    return out;
+    std::string out(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr)), '\0');
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), static_cast<int>(out.size()), nullptr, nullptr);
+    return out.c_str();
 }
 
-// The lookup checks the credentials against the proxy and stores them for the proxy's host.
-bool giveProxyCredentials(const wchar_t* url, const wchar_t* user, const wchar_t* password)
+int done(const char* text, int code)
 {
-    const std::string u = utf8(url), name = utf8(user), secret = utf8(password);
-    UserData in{u.c_str(), name.c_str(), secret.c_str(), true};
-    ProxyInfo out{};
-    const unsigned status = qrvlGetProxyInfo(&in, &out);
-    const bool ok = status == PM_STATUS_OK && out.authScheme == PROXY_AUTH_BASIC;
-    qrvlProxyDeallocate(&out);
-    if (!ok) {
-        std::printf("DONE proxy %u\n", status);
-        std::fflush(stdout);
-    }
-    return ok;
+    std::printf("DONE %s\n", text);
+    std::fflush(stdout);
+    return code;
 }
 
-bool exists(const wchar_t* path) { return GetFileAttributesW(path) != INVALID_FILE_ATTRIBUTES; }
-
-int follow(DownloadMgr* manager, const wchar_t* dieFile, DWORD limitMs)
+int follow(DownloadMgr* manager, const wchar_t* die, DWORD limitMs)
 {
-    const ULONGLONG end = GetTickCount64() + limitMs;
-    uint64_t lastPrinted = UINT64_MAX;
+    const uint64_t killAt = die[0] == L'@' ? std::wcstoull(die + 1, nullptr, 10) : UINT64_MAX;
+    uint64_t lastHeld = UINT64_MAX;
     unsigned lastState = 0;
     ULONGLONG lastLine = 0;
-    while (GetTickCount64() < end) {
-        bool allEnded = true;
+    for (const ULONGLONG end = GetTickCount64() + limitMs; GetTickCount64() < end; Sleep(10)) {
         Download* last = nullptr;
         uint64_t held = 0;
+        bool ended = true;
         for (Download* d : manager->getDownloads()) {
-            last = d;
             const unsigned s = d->getState();
+            last = d;
             held = d->getDownloadedSize();
-            // Quiet while nothing moves, but never silent for long: the soak watches for liveness.
-            if (held != lastPrinted || s != lastState || GetTickCount64() - lastLine > 500) {
+            if (held != lastHeld || s != lastState || GetTickCount64() - lastLine > 500) {
                 std::printf("P %llu %u\n", static_cast<unsigned long long>(held), s);
-                lastPrinted = held;
-                lastState = s;
-                lastLine = GetTickCount64();
+                lastHeld = held, lastState = s, lastLine = GetTickCount64();
             }
-            if (s != qvdlm::state::Completed && s != qvdlm::state::Aborted)
-                allEnded = false;
+            ended = ended && (s == qvdlm::state::Completed || s == qvdlm::state::Aborted);
         }
         std::fflush(stdout);
-        if (!last) {
-            std::printf("DONE none\n");
-            std::fflush(stdout);
-            return 6;
-        }
-        if (allEnded) {
-            std::printf("DONE %u %u\n", last->getState(), last->getStatus());
-            std::fflush(stdout);
-            return last->getState() == qvdlm::state::Completed ? 0 : 1;
-        }
-        if (exists(dieFile)) {
+        if (!last)
+            return done("none", 6);
+        if (ended)
+            return done((std::to_string(last->getState()) + " " + std::to_string(last->getStatus())).c_str(),
+                        last->getState() == qvdlm::state::Completed ? 0 : 1);
+        if (held >= killAt || (killAt == UINT64_MAX && GetFileAttributesW(die) != INVALID_FILE_ATTRIBUTES)) {
             std::printf("KILL %llu\n", static_cast<unsigned long long>(held));
             std::fflush(stdout);
-            TerminateProcess(GetCurrentProcess(), kKilledExitCode);
+            TerminateProcess(GetCurrentProcess(), 9);
         }
-        Sleep(10);
     }
-    std::printf("DONE timeout\n");
-    std::fflush(stdout);
-    return 2;
+    return done("timeout", 2);
 }
 
 } // namespace
@@ -111,28 +79,30 @@ int wmain(int argc, wchar_t** argv)
 {
     if (argc == 3 && std::wcscmp(argv[1], L"forget") == 0)
         return CredDeleteW(argv[2], CRED_TYPE_GENERIC, 0) || GetLastError() == ERROR_NOT_FOUND ? 0 : 1;
-    if (argc < 5)
+    const bool start = argc >= 8 && std::wcscmp(argv[1], L"start") == 0;
+    if (!start && argc != 5)
         return 3;
-    const bool start = std::wcscmp(argv[1], L"start") == 0;
-    if (start && argc < 8)
-        return 3;
-    const wchar_t* dieFile = argv[start ? 6 : 3];
-    const DWORD limitMs = static_cast<DWORD>(std::wcstoul(argv[start ? 7 : 4], nullptr, 10) * 1000);
     DownloadRequestLog::getInstance()->open(argv[2]);
     static driver::EventEcho echo;
     EventPublisher::getInstance()->subscribe(&echo);
     DownloadMgr* manager = QvDLM::createDownloadMgr();
     if (!manager)
         return 4;
-    if (start && argc >= 10 && !giveProxyCredentials(argv[3], argv[8], argv[9]))
-        return 7;
-    if (start) {
-        if (!driver::startOne(manager, argv[3], argv[4], argv[5]))
-            return 5;
-    } else {
-        driver::restoreAll(manager);
+    if (start && argc >= 10) {
+        const std::string url = utf8(argv[3]), user = utf8(argv[8]), password = utf8(argv[9]);
+        UserData in{url.c_str(), user.c_str(), password.c_str(), true};
+        ProxyInfo out{};
+        const unsigned status = qrvlGetProxyInfo(&in, &out);
+        const bool basic = out.authScheme == PROXY_AUTH_BASIC;
+        qrvlProxyDeallocate(&out);
+        if (status != PM_STATUS_OK || !basic)
+            return done(("proxy " + std::to_string(status)).c_str(), 7);
     }
-    const int result = follow(manager, dieFile, limitMs);
+    if (start && !driver::startOne(manager, argv[3], argv[4], argv[5]))
+        return 5;
+    if (!start)
+        driver::restoreAll(manager);
+    const int result = follow(manager, argv[start ? 6 : 3], static_cast<DWORD>(std::wcstoul(argv[start ? 7 : 4], nullptr, 10) * 1000));
     QvDLM::destroy(manager);
     return result;
 }
