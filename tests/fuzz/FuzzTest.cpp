@@ -242,7 +242,7 @@ TEST(Fuzz, HostileAndDamagedTarStreamsStayInsideTheDestination)
             {"", 0},
         };
         const auto& [tail, code] = rng.pick(hostile);
-        bytes += tail + entry("after.bin", '0', "late") + std::string(1024, '\0');
+        bytes += tail + (code == qvdlm::tarerror::Truncated ? "" : entry("after.bin", '0', "late") + std::string(1024, '\0')); // cut streams end there
         const bool damaged = rng.chance(25);
         if (damaged)
             damage(bytes, rng, 0, bytes.size());
@@ -301,8 +301,8 @@ TEST(Fuzz, DamagedPackagesFailCleanly)
 TEST(Fuzz, DamagedCheckpointRecordsAreRefusedOrGoOnSafely)
 {
     Sandbox box(L"fuzz-checkpoint");
-    const std::wstring dir = box.root / L"chk";
-    ASSERT_TRUE(CreateDirectoryW(dir.c_str(), nullptr));
+    qvtest::ScratchDir records(L"fuzz-checkpoint-records");
+    const std::wstring dir = records.path();
     auto* request = new FakeRequest(L"http://localhost:1/p.tar.lzma2");
     request->setCheckpointDir(dir.c_str());
     request->setCheckpointId(12);
