@@ -109,28 +109,23 @@ std::string entry(const std::string& name, char type, const std::string& data = 
 }
 
 // Every file and folder below root, as relative name and content ("/" ends a folder's name).
-void readTree(const std::wstring& root, const std::string& prefix, std::map<std::string, std::string>& out)
+std::map<std::string, std::string> tree(const std::wstring& root, const std::string& prefix = "")
 {
+    std::map<std::string, std::string> out;
     WIN32_FIND_DATAW data;
     HANDLE find = FindFirstFileW((root + L"\\*").c_str(), &data);
     for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
         const std::wstring name = data.cFileName;
+        const std::string path = prefix + qvtest::narrow(name);
         if (name == L"." || name == L"..")
             continue;
-        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-            out[prefix + qvtest::narrow(name) + "/"] = "";
-            readTree(root + L"\\" + name, prefix + qvtest::narrow(name) + "/", out);
-        } else {
-            qvtest::readFile(root + L"\\" + name, out[prefix + qvtest::narrow(name)]);
-        }
+        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
+            out.merge(tree(root + L"\\" + name, (out[path + "/"], path + "/")));
+        else
+            qvtest::readFile(root + L"\\" + name, out[path]);
     }
     if (find != INVALID_HANDLE_VALUE)
         FindClose(find);
-}
-std::map<std::string, std::string> tree(const std::wstring& root)
-{
-    std::map<std::string, std::string> out;
-    readTree(root, "", out);
     return out;
 }
 

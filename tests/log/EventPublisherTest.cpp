@@ -15,7 +15,8 @@ std::vector<const void*> g_order; // who was called, in order (single-threaded p
 struct Recorder : EventSubscriber {
     void notify(const EventRecord* record) override
     {
-        if (++calls, keep) {
+        ++calls;
+        if (keep) {
             last = *record;
             g_order.push_back(this);
         }
