@@ -119,10 +119,12 @@ std::map<std::string, std::string> tree(const std::wstring& root, const std::str
         const std::string path = prefix + qvtest::narrow(name);
         if (name == L"." || name == L"..")
             continue;
-        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            out.merge(tree(root + L"\\" + name, (out[path + "/"], path + "/")));
-        else
+        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
+            out[path + "/"] = "";
+            out.merge(tree(root + L"\\" + name, path + "/"));
+        } else {
             qvtest::readFile(root + L"\\" + name, out[path]);
+        }
     }
     if (find != INVALID_HANDLE_VALUE)
         FindClose(find);
