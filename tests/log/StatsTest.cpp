@@ -1,247 +1,134 @@
-// Transfer statistics driven by a hand-set tick count and a test double of Download.
+// Transfer statistics driven by a hand-set tick count and a download whose counters the test sets.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <windows.h>
 
-#include <cstdint>
-
 #include "log/StatsImp.h"
-#include "request/DownloadRequestImp.h"
+#include "support/FakeRequest.h"
 #include "support/MockDownload.h"
 
-using ::testing::NiceMock;
 using ::testing::Return;
 using ::testing::ReturnPointee;
 
 namespace {
 
 DWORD g_ticks = 0;
-DWORD WINAPI fakeTicks() { return g_ticks; }
+DWORD WINAPI ticks() { return g_ticks; }
 
 class StatsTest : public ::testing::Test {
 protected:
     StatsTest()
     {
-        g_ticks = 0;
         request_.setCompressedSize(100000000);
         request_.setUncompressedSize(250000000);
         ON_CALL(download_, getRequest()).WillByDefault(Return(&request_));
         ON_CALL(download_, getDownloadedSize()).WillByDefault(ReturnPointee(&downloaded_));
         ON_CALL(download_, getExtractedSize()).WillByDefault(ReturnPointee(&extracted_));
+        at(1000);
+        stats_.start();
     }
-
-    // Moves the clock to t and the counters to what a steady transfer has reached by then.
+    // Moves the clock to t ms and the counters to what a steady transfer started at 1000 has reached.
     void at(DWORD t)
     {
         g_ticks = t;
-        downloaded_ = static_cast<uint64_t>(t - 1000) * downloadRate_ / 1000;
-        extracted_ = static_cast<uint64_t>(t - 1000) * extractRate_ / 1000;
+        downloaded_ = static_cast<uint64_t>(t - 1000) * rate_ / 1000;
+        extracted_ = downloaded_ / 2;
+    }
+    // Samples once a second from 2000 to `to`; answers the last estimate.
+    int64_t sampleUntil(DWORD to)
+    {
+        int64_t last = 0;
+        for (DWORD t = 2000; t <= to; t += 1000) {
+            at(t);
+            last = stats_.getRemainingSeconds();
+        }
+        return last;
     }
 
-    DownloadRequestImp request_;
-    NiceMock<MockDownload> download_;
-    StatsImp stats_{&download_, &fakeTicks};
-    uint64_t downloaded_ = 0;
-    uint64_t extracted_ = 0;
-    uint64_t downloadRate_ = 1000000; // bytes per second
-    uint64_t extractRate_ = 500000;
+    FakeRequest request_;
+    ::testing::NiceMock<MockDownload> download_;
+    StatsImp stats_{&download_, &ticks};
+    uint64_t downloaded_ = 0, extracted_ = 0, rate_ = 1000000; // bytes per second
 };
 
 } // namespace
 
-TEST_F(StatsTest, StartCopiesThePackageSizesOnceAndKeepsTheFirstStartTime)
+TEST_F(StatsTest, StartOnceAndAverageSpeed)
 {
-    EXPECT_EQ(stats_.getUncompressedSize(), 0u);
-    g_ticks = 1000;
-    stats_.start();
     EXPECT_EQ(stats_.getUncompressedSize(), 250000000u);
     request_.setUncompressedSize(1);
     g_ticks = 5000;
-    stats_.start();
+    stats_.start(); // a resumed transfer keeps its first start
     EXPECT_EQ(stats_.getUncompressedSize(), 250000000u);
-    g_ticks = 7999;
-    EXPECT_EQ(stats_.getElapsedSeconds(), 6u);
-}
-
-TEST_F(StatsTest, ElapsedSecondsSurviveATickCountWrap)
-{
-    g_ticks = 0xFFFFF000u;
-    stats_.start();
-    g_ticks = 0x00000F00u;
-    EXPECT_EQ(stats_.getElapsedSeconds(), 7u); // 0x1F00 ms
-}
-
-TEST_F(StatsTest, CountersComeFromTheOwner)
-{
-    downloaded_ = 123;
-    extracted_ = 45;
-    EXPECT_EQ(stats_.getDownloadedSize(), 123u);
-    EXPECT_EQ(stats_.getExtractedSize(), 45u);
-    StatsImp orphan(nullptr, &fakeTicks);
-    orphan.start();
-    EXPECT_EQ(orphan.getDownloadedSize(), 0u);
-    EXPECT_EQ(orphan.getRemainingSeconds(), -1);
-}
-
-TEST_F(StatsTest, AverageSpeedIsZeroInTheFirstSecondThenAThousandTimesTheBitRate)
-{
-    g_ticks = 1000;
-    stats_.start();
     downloaded_ = 1000000;
-    g_ticks = 1999;
-    EXPECT_EQ(stats_.getAverageSpeed(), 0u);
-    g_ticks = 3000;
-    EXPECT_EQ(stats_.getAverageSpeed(), 4000000000u); // 8e6 bits / 2 s, times 1000
-    g_ticks = 2000;
-    // 8e9 does not fit in 32 bits and is cut.
-    EXPECT_EQ(stats_.getAverageSpeed(), static_cast<uint32_t>(8000000000ull));
+    const std::pair<DWORD, uint32_t> averages[] = {{7999, 1000000u * 8 / 6 * 1000}, {1999, 0}, {3000, 4000000000u}, {2000, static_cast<uint32_t>(8000000000ull)}};
+    for (const auto& [t, average] : averages) {
+        g_ticks = t; // a thousand times the bit rate, cut to 32 bits; 0 within the first second
+        EXPECT_EQ(stats_.getAverageSpeed(), average) << t;
+    }
 }
 
-TEST_F(StatsTest, SpeedsStayZeroUntilTheRingHoldsAReferenceThenAreSmoothedOverNine)
+TEST_F(StatsTest, SpeedsAreSmoothedOverNineAndTheEstimateFallsFreely)
 {
-    at(1000);
-    stats_.start();
-    // Six samples find no reference six positions back yet.
-    for (DWORD t = 2000; t <= 7000; t += 1000) {
-        at(t);
-        EXPECT_EQ(stats_.getRemainingSeconds(), -1) << t;
-        EXPECT_EQ(stats_.getDownloadSpeed(), 0u);
-        EXPECT_EQ(stats_.getExtractSpeed(), 0u);
-    }
-    // 6e6 bytes over 6000 ms: 8e6 bits per second, averaged with eight zeros.
-    at(8000);
-    const int64_t first = stats_.getRemainingSeconds();
+    EXPECT_EQ(sampleUntil(7000), -1) << "no reference sample six positions back yet";
+    EXPECT_EQ(stats_.getDownloadSpeed() + stats_.getExtractSpeed(), 0u);
+    at(8000); // 6e6 bytes over 6000 ms: 8e6 bits per second, averaged with eight zeros
+    EXPECT_EQ(stats_.getRemainingSeconds(), 93000000ll * 8 / 888888);
     EXPECT_EQ(stats_.getDownloadSpeed(), 888888u);
     EXPECT_EQ(stats_.getExtractSpeed(), 444444u);
-    EXPECT_EQ(first, 93000000ll * 8 / 888888); // 837
-
     at(9000);
-    const int64_t second = stats_.getRemainingSeconds();
+    EXPECT_EQ(stats_.getRemainingSeconds(), 92000000ll * 8 / 987654);
     EXPECT_EQ(stats_.getDownloadSpeed(), (8000000u + 888888u) / 9);
-    EXPECT_EQ(second, 92000000ll * 8 / 987654); // falls freely
-    EXPECT_LT(second, first);
-
+    EXPECT_EQ(stats_.reset(), 0);
+    EXPECT_EQ(stats_.getDownloadSpeed() + stats_.getExtractSpeed(), 0u);
     at(10000);
-    stats_.getRemainingSeconds();
-    EXPECT_EQ(stats_.getDownloadSpeed(), (8000000u + 888888u + 987654u) / 9);
+    EXPECT_EQ(stats_.getElapsedSeconds(), 9u) << "reset keeps the start";
+    EXPECT_EQ(stats_.getRemainingSeconds(), -1) << "the ring starts over";
 }
 
-TEST_F(StatsTest, NoEstimateBeforeFourMebibytes)
+TEST_F(StatsTest, NoEstimateBeforeFourMebibytesAndAtLeastOneByteLeft)
 {
-    downloadRate_ = 100000;
-    at(1000);
-    stats_.start();
-    for (DWORD t = 2000; t <= 8000; t += 1000) {
-        at(t);
-        EXPECT_EQ(stats_.getRemainingSeconds(), -1) << t;
-    }
+    rate_ = 100000;
+    EXPECT_EQ(sampleUntil(8000), -1);
     EXPECT_GT(stats_.getDownloadSpeed(), 0u) << "the speed is known, the amount is too small";
     downloaded_ = 4194304;
     g_ticks += 1000;
     EXPECT_GT(stats_.getRemainingSeconds(), 0);
+    downloaded_ = 200000000; // more than the package: 1 byte left
+    g_ticks += 1000;
+    EXPECT_EQ(stats_.getRemainingSeconds(), 0);
 }
 
-TEST_F(StatsTest, RemainingTimeRisesOnlyWhenTheEstimateMoreThanDoubles)
+TEST_F(StatsTest, TheShownTimeRisesOnlyWhenTheEstimateMoreThanDoubles)
 {
-    at(1000);
-    stats_.start();
-    for (DWORD t = 2000; t <= 10000; t += 1000) {
-        at(t);
-        stats_.getRemainingSeconds();
-    }
-    int64_t shown = stats_.getRemainingSeconds();
+    int64_t shown = sampleUntil(10000);
     ASSERT_GT(shown, 0);
-    // The transfer stalls: the smoothed speed sinks and the raw estimate climbs.
-    const uint64_t stalled = downloaded_;
-    int rises = 0;
-    int holds = 0;
-    for (DWORD t = 11000; t <= 40000; t += 1000) {
-        g_ticks = t;
+    const uint64_t stalled = downloaded_; // the transfer stalls: the smoothed speed sinks, the estimate climbs
+    int rises = 0, holds = 0;
+    for (g_ticks = 11000; g_ticks <= 40000 && stats_.getDownloadSpeed() > 0; g_ticks += 1000) {
         const int64_t before = shown;
         shown = stats_.getRemainingSeconds();
         const uint32_t rate = stats_.getDownloadSpeed();
-        if (rate == 0) {
-            EXPECT_EQ(shown, -1);
-            break;
-        }
-        const int64_t estimate = static_cast<int64_t>(100000000 - stalled) * 8 / rate;
-        if (estimate >= before && estimate <= 2 * before) {
-            EXPECT_EQ(shown, before) << t;
-            ++holds;
-        } else {
-            EXPECT_EQ(shown, estimate) << t;
-            ++rises;
-        }
+        const int64_t estimate = rate ? static_cast<int64_t>(100000000 - stalled) * 8 / rate : -1;
+        const bool hold = estimate >= before && estimate <= 2 * before;
+        EXPECT_EQ(shown, hold ? before : estimate) << g_ticks;
+        (hold ? holds : rises) += 1;
     }
     EXPECT_GT(holds, 0);
     EXPECT_GT(rises, 0);
 }
 
-TEST_F(StatsTest, HysteresisKeepsRisesUpToTwiceAndFollowsFalls)
-{
-    int64_t last = 100;
-    EXPECT_EQ(StatsImp::holdRemaining(last, 150), 100);
-    EXPECT_EQ(last, 100);
-    EXPECT_EQ(StatsImp::holdRemaining(last, 200), 100);
-    EXPECT_EQ(StatsImp::holdRemaining(last, 201), 201);
-    EXPECT_EQ(last, 201);
-    EXPECT_EQ(StatsImp::holdRemaining(last, 80), 80);
-    EXPECT_EQ(last, 80);
-    EXPECT_EQ(StatsImp::holdRemaining(last, 80), 80);
-}
-
-TEST_F(StatsTest, LeftBytesAreAtLeastOne)
-{
-    request_.setCompressedSize(1000);
-    at(1000);
-    stats_.start();
-    for (DWORD t = 2000; t <= 8000; t += 1000) {
-        at(t);
-        stats_.getRemainingSeconds();
-    }
-    EXPECT_EQ(stats_.getRemainingSeconds(), 0) << "1 byte left * 8 / rate";
-}
-
 TEST_F(StatsTest, NoNewSampleWithinTheReferenceSamplesMillisecond)
 {
-    g_ticks = 1000;
-    stats_.start();
     g_ticks = 5000;
-    // Six samples at one tick fill the positions up to the reference; from then on the reference is now.
-    EXPECT_CALL(download_, getExtractedSize()).Times(6).WillRepeatedly(Return(0));
+    EXPECT_EQ(stats_.getElapsedSeconds(), 4u); // also moves the current sample's time to now
+    // Five samples at one tick reach the slot written above as their reference: the rest are skipped.
+    EXPECT_CALL(download_, getExtractedSize()).Times(5).WillRepeatedly(Return(0));
     for (int i = 0; i < 10; ++i)
         stats_.getRemainingSeconds();
     ::testing::Mock::VerifyAndClearExpectations(&download_);
     EXPECT_CALL(download_, getExtractedSize()).Times(1).WillRepeatedly(Return(0));
     g_ticks = 5001;
     stats_.getRemainingSeconds();
-}
-
-TEST_F(StatsTest, ElapsedSecondsMovesTheCurrentSampleTime)
-{
-    // Not started: the elapsed time counts from tick 0, and the current slot gets time 3000.
-    g_ticks = 3000;
-    EXPECT_EQ(stats_.getElapsedSeconds(), 3u);
-    // Five samples at 3000 reach the slot written above as their reference: the sixth is skipped.
-    EXPECT_CALL(download_, getExtractedSize()).Times(5).WillRepeatedly(Return(0));
-    for (int i = 0; i < 8; ++i)
-        stats_.getRemainingSeconds();
-}
-
-TEST_F(StatsTest, ResetClearsTheRingsButNotTheStart)
-{
-    at(1000);
-    stats_.start();
-    for (DWORD t = 2000; t <= 9000; t += 1000) {
-        at(t);
-        stats_.getRemainingSeconds();
-    }
-    ASSERT_GT(stats_.getDownloadSpeed(), 0u);
-    EXPECT_EQ(stats_.reset(), 0);
-    EXPECT_EQ(stats_.getDownloadSpeed(), 0u);
-    EXPECT_EQ(stats_.getExtractSpeed(), 0u);
-    at(10000);
-    EXPECT_EQ(stats_.getElapsedSeconds(), 9u);
-    EXPECT_EQ(stats_.getRemainingSeconds(), -1) << "the ring starts over";
 }

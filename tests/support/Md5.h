@@ -1,4 +1,4 @@
-// An MD5 of the tests' own (RFC 1321), independent of the CryptoAPI that the library uses.
+// MD5 through the CryptoAPI, for checking digests and URL tokens.
 #pragma once
 
 #include <cstdint>
@@ -6,10 +6,8 @@
 
 namespace qvtest {
 
-// The 16 raw digest bytes of data.
-std::string md5Raw(const std::string& data);
-// The digest as 32 lower-case hexadecimal characters.
-std::string md5Hex(const std::string& data);
+std::string md5Raw(const std::string& data); // the 16 raw digest bytes
+std::string md5Hex(const std::string& data); // 32 lower-case hexadecimal characters
 // The URL token digest: md5(key || md5(expiry32 little-endian || url || extra || key)) in hex.
 std::string urlTokenDigest(uint32_t expiry, const std::string& url, const std::string& extra, const std::string& key);
 

@@ -1,4 +1,4 @@
-// Shared helpers of the test programs: environment, scratch folders, files and child processes.
+// Shared helpers of the test programs: environment, scratch folders, files and text.
 #pragma once
 
 #include <windows.h>
@@ -9,11 +9,9 @@
 
 namespace qvtest {
 
-// Value of an environment variable, or the fallback.
 std::wstring env(const wchar_t* name, const wchar_t* fallback = L"");
-
-// Loopback port number base + offset given to this test run (QVDLM_TEST_PORT_BASE).
-unsigned port(unsigned offset);
+unsigned port(unsigned offset); // QVDLM_TEST_PORT_BASE + offset (loopback)
+std::wstring workDir();         // QVDLM_TEST_WORK as a Windows path (the temporary folder without it)
 
 // A fresh, empty scratch folder for one test, removed when the object dies.
 class ScratchDir {
@@ -33,11 +31,8 @@ void removeTree(const std::wstring& path);
 bool writeFile(const std::wstring& path, const std::string& bytes);
 bool readFile(const std::wstring& path, std::string& bytes);
 bool fileExists(const std::wstring& path);
-
-std::string narrow(const std::wstring& text);
+std::string narrow(const std::wstring& text); // UTF-8
 std::wstring widen(const std::string& text);
-
-// Deterministic pseudo-random bytes (for generated payloads).
-std::string patternBytes(size_t size, uint32_t seed);
+std::string patternBytes(size_t size, uint32_t seed); // deterministic pseudo-random bytes
 
 } // namespace qvtest
