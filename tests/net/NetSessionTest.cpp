@@ -1,0 +1,325 @@
+// Delivery through the NetSession client, with the scripted QvDownload.dll double beside the program:
+// the module loaded only at run time, a download's session and its errors, the release of every block,
+// the client's start with its installer, and whole downloads served by the client's local endpoint
+// (nginx on 127.0.0.1:9421 answering every request with its file "api").
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <windows.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "QvDLM.h"
+#include "StartAkamai.h"
+#include "net/NetSessionDelivery.h"
+#include "support/EventRecorder.h"
+#include "support/MockDownload.h"
+#include "support/TestServers.h"
+
+using ::testing::_;
+using ::testing::Return;
+using qvtest::narrow;
+
+namespace {
+
+const std::string kServe = "http://127.0.0.1:9421/api?function=serveFile&cid=0&url=";
+
+std::wstring installerPath()
+{
+    wchar_t path[MAX_PATH];
+    const std::wstring self(path, GetModuleFileNameW(nullptr, path, MAX_PATH));
+    return self.substr(0, self.find_last_of(L'\\')) + L"\\NSSetup.exe";
+}
+
+// A copy of this program is the installer's stand-in, NSSetup.exe: it waits a moment (so that a caller
+// that does not wait for it can be told apart), writes its path to QVDLM_NSSETUP_MARKER and ends.
+[[maybe_unused]] const bool kInstaller = [] {
+    wchar_t self[MAX_PATH];
+    if (GetModuleFileNameW(nullptr, self, MAX_PATH) == 0 || _wcsicmp(self, installerPath().c_str()) != 0)
+        return false;
+    Sleep(300);
+    qvtest::writeFile(qvtest::env(L"QVDLM_NSSETUP_MARKER"), narrow(self));
+    ExitProcess(0);
+}();
+
+// The double, loaded by the test once the first test (which must see it unloaded) has run.
+template <typename Fn>
+Fn control(const char* name)
+{
+    static const HMODULE module = LoadLibraryW(L"QvDownload.dll");
+    return reinterpret_cast<Fn>(reinterpret_cast<void*>(GetProcAddress(module, name)));
+}
+void script(const char* text) { control<void (*)(const char*)>("QvdScript")(text); }
+int liveSessions() { return control<int (*)()>("QvdLiveSessions")(); }
+std::vector<std::string> journal(const std::string& prefix = "#")
+{
+    const auto read = control<size_t (*)(char*, size_t)>("QvdJournal");
+    std::string text(read(nullptr, 0), '\0');
+    read(text.data(), text.size());
+    std::vector<std::string> lines;
+    for (size_t at = 0, end; (end = text.find('\n', at)) != std::string::npos; at = end + 1)
+        if (text.compare(at, prefix.size(), prefix) == 0)
+            lines.push_back(text.substr(at, end - at));
+    return lines;
+}
+// The lines from `from` on without their session numbers, joined by ", ".
+std::string joined(const std::vector<std::string>& lines, size_t from)
+{
+    std::string all;
+    for (size_t i = from; i < lines.size(); ++i)
+        all += (i > from ? ", " : "") + lines[i].substr(lines[i].find(' ') + 1);
+    return all;
+}
+
+std::shared_ptr<DownloadRequest> deliveredRequest(const wchar_t* url)
+{
+    std::shared_ptr<DownloadRequest> request(QvDLM::createDownloadRequest(), [](DownloadRequest* r) { QvDLM::destroy(r); });
+    request->setUrl(url, nullptr, nullptr);
+    request->setUseAkamai(true);
+    return request;
+}
+
+// A download that hands out its request and keeps its status and delivery flag as a job would.
+class Job : public ::testing::NiceMock<MockDownload> {
+public:
+    explicit Job(DownloadRequest& request)
+    {
+        ON_CALL(*this, getRequest()).WillByDefault(Return(&request));
+        ON_CALL(*this, setStatus(_)).WillByDefault([this](unsigned s) { status = s; });
+        ON_CALL(*this, setUseAkamai(_, _)).WillByDefault([this, &request](bool use, bool store) {
+            request.setUseAkamai(use);
+            stored = stored || store;
+        });
+    }
+    unsigned status = 0xDEAD;
+    bool stored = false;
+};
+
+TEST(NetSessionModule, IsLoadedOnlyWhileADeliveredDownloadHoldsASession)
+{
+    ASSERT_EQ(GetModuleHandleW(L"QvDownload.dll"), nullptr);
+    auto request = deliveredRequest(L"http://localhost:19301/a.bin");
+    request->setUseAkamai(false);
+    Job job{*request};
+    qv::NetSessionDelivery delivery;
+    EXPECT_EQ(narrow(delivery.initUrl(job)), "http://localhost:19301/a.bin");
+    delivery.pause(); // without a session the operations do nothing
+    EXPECT_TRUE(delivery.resume() == 0 && delivery.abort(true) == 0 && delivery.lastError() == 0);
+    delivery.finish(*request, qvdlm::state::Completed);
+    EXPECT_EQ(GetModuleHandleW(L"QvDownload.dll"), nullptr);
+
+    request->setUseAkamai(true);
+    EXPECT_EQ(narrow(delivery.initUrl(job)), kServe + "http://localhost:19301/a.bin");
+    EXPECT_NE(GetModuleHandleW(L"QvDownload.dll"), nullptr);
+    delivery.finish(*request, qvdlm::state::Completed);
+    EXPECT_EQ(GetModuleHandleW(L"QvDownload.dll"), nullptr);
+}
+
+class NetSessionTest : public ::testing::Test {
+protected:
+    void SetUp() override { script(""); }
+    void TearDown() override
+    {
+        delivery.shutdown();
+        for (const std::string& line : journal("")) // every session went back stopped, no stray slot
+            EXPECT_TRUE(line.find("unstopped") == std::string::npos && line.find(" slot ") == std::string::npos) << line;
+        EXPECT_EQ(liveSessions(), live);
+    }
+
+    std::shared_ptr<DownloadRequest> request = deliveredRequest(L"http://localhost:19301/p/setup.exe?authparam=0a0b&SESSION_ID=x&y=1");
+    Job job{*request};
+    EventRecorder events;
+    qv::NetSessionDelivery delivery;
+    const int live = liveSessions();
+    const std::string origin = narrow(request->getUrl(false)); // with its token, without the query
+};
+
+struct DeliveryRow {
+    const char* script;
+    bool local;
+    unsigned status;
+    std::vector<std::string> events;
+    const char* calls; // of the first session after its creation; null: not checked
+};
+
+class DeliveryTest : public NetSessionTest, public ::testing::WithParamInterface<DeliveryRow> {};
+
+TEST_P(DeliveryTest, SessionAnswersDecideTheUrlAndTheEvents)
+{
+    const DeliveryRow& row = GetParam();
+    script(row.script);
+    const std::string url = narrow(delivery.initUrl(job));
+    EXPECT_EQ(url, row.local ? kServe + origin : origin + "&SESSION_ID=x&y=1");
+    EXPECT_TRUE(delivery.active() == row.local && request->getUseAkamai() == row.local && !job.stored);
+    EXPECT_EQ(job.status, row.status);
+    std::vector<std::string> seen;
+    for (const auto& e : events.events())
+        seen.push_back(std::to_string(e.kind) + ":" + (e.text.empty() ? std::to_string(e.value) : narrow(e.text)));
+    EXPECT_EQ(seen, row.events);
+    const std::vector<std::string> first = journal("#1 ");
+    ASSERT_FALSE(first.empty());
+    EXPECT_EQ(first[0].rfind("#1 create QVDLM|" + origin + "|SESSION_ID=x&y=1", 0), 0u) << first[0];
+    EXPECT_TRUE(!row.calls || joined(first, 1) == row.calls) << joined(first, 1);
+}
+
+const char kOtherError[] = "3:DownloadImp::initUrl: createAkamaiNetSession failed. net session error: 42";
+INSTANTIATE_TEST_SUITE_P(
+    Scripts, DeliveryTest,
+    ::testing::Values(DeliveryRow{"", true, 0, {}, "getLastError, resume null, getState"},
+                      DeliveryRow{"create=0", false, 0, {}, ""},
+                      DeliveryRow{"error=7", false, 0, {}, "getLastError, stop 0, destroy"},
+                      DeliveryRow{"resume=-1 error=0,5", true, 0, {"2:1008"}, nullptr},
+                      DeliveryRow{"resume=-1 error=0,6", true, 0, {"2:1013"}, nullptr},
+                      DeliveryRow{"resume=-1 error=0,12", true, 0, {"2:1013"}, nullptr},
+                      DeliveryRow{"resume=-1 error=0,13", true, 0, {}, nullptr},
+                      DeliveryRow{"resume=-1 error=0,42", true, 0, {kOtherError, "6:42"}, nullptr},
+                      // Proxy credentials wanted: a new session at once, given up after ten rounds.
+                      DeliveryRow{"resume=-1 error=0,10 ; resume=0", true, 0x25000009, {"2:1016"},
+                                  "getLastError, resume null, getLastError, stop 0, destroy"},
+                      DeliveryRow{"resume=-1 error=0,10", false, 0x25000009, std::vector<std::string>(10, "2:1016"), nullptr},
+                      // A busy session (state 3 twice) is paused until it leaves that state or pause answers all ones.
+                      DeliveryRow{"state=3,3,3,0", true, 0, {},
+                                  "getLastError, resume null, getState, getState, pause, getState, pause, getState"},
+                      DeliveryRow{"state=3 pause=0,-1", true, 0, {},
+                                  "getLastError, resume null, getState, getState, pause, getState, pause"},
+                      DeliveryRow{"state=3,0", true, 0, {}, "getLastError, resume null, getState, getState"}));
+
+TEST_F(NetSessionTest, DownloadOperationsReachTheirSlots)
+{
+    script("stop=0,1 resume=0,0,5");
+    delivery.initUrl(job);
+    const size_t before = journal().size();
+    delivery.pause();
+    EXPECT_EQ(delivery.resume(), 0u);
+    EXPECT_EQ(delivery.resume(), 5u);
+    EXPECT_EQ(delivery.abort(true), 0u);
+    EXPECT_EQ(delivery.abort(false), 1u);
+    EXPECT_EQ(delivery.lastError(), 0u);
+    job.status = 7;
+    delivery.initUrl(job); // a new URL replaces the session and clears the status
+    EXPECT_EQ(job.status, 0u);
+    delivery.finish(*request, qvdlm::state::Exiting);
+    EXPECT_EQ(joined(journal(), before), "pause, resume null, resume null, stop 1, stop 0, getLastError, stop 0, destroy, "
+                                         "create QVDLM|" + origin + "|SESSION_ID=x&y=1, getLastError, resume null, "
+                                         "getState, pause, stop 0, destroy");
+}
+
+TEST_F(NetSessionTest, EveryBlockIsReleasedByItsOriginUrlAlsoAfterAFallback)
+{
+    auto blocks = deliveredRequest(L"http://localhost:19301/p/pkg_001_003.sfx.exe?authparam=0a0b&SESSION_ID=x&y=1");
+    ASSERT_EQ(blocks->getBlockCount(), 3);
+    Job blocksJob{*blocks};
+    std::vector<std::string> releases;
+    for (int32_t block = 0; block < 3; ++block) {
+        blocks->setBlockId(block);
+        releases.push_back("#1 release " + narrow(blocks->getUrl(false)));
+    }
+    blocks->setBlockId(1);
+    EXPECT_EQ(narrow(delivery.initUrl(blocksJob)), kServe + releases[1].substr(11));
+    EXPECT_EQ(journal("#1 create"), std::vector<std::string>{"#1 create QVDLM|" + releases[1].substr(11) +
+                                                             "|SESSION_ID=x_001_003&y=1"});
+    delivery.finish(*blocks, qvdlm::state::Completed);
+    EXPECT_EQ(journal("#1 release"), releases);
+    EXPECT_EQ(blocks->getBlockId(), 0);
+
+    script("");
+    blocks->setBlockId(2);
+    delivery.initUrl(blocksJob);
+    qv::NetSessionDelivery::fallBackToHttp(blocksJob);
+    EXPECT_TRUE(blocksJob.stored);
+    EXPECT_EQ(narrow(blocks->getUrl(true)), releases[2].substr(11) + "&SESSION_ID=x_003_003&y=1");
+    delivery.finish(*blocks, qvdlm::state::Aborted);
+    EXPECT_EQ(journal("#1 release"), releases);
+    EXPECT_EQ(blocks->getBlockId(), 0);
+}
+
+struct StartRow {
+    const char* script;
+    bool started;
+    size_t sessions;
+    bool installerRan;
+    const char* calls; // null: not checked
+};
+
+class StartAkamaiTest : public ::testing::TestWithParam<StartRow> {};
+
+TEST_P(StartAkamaiTest, SessionsAreMadeKeptAndGivenUp)
+{
+    qvtest::ScratchDir scratch{L"start-akamai"};
+    SetEnvironmentVariableW(L"QVDLM_NSSETUP_MARKER", (scratch / L"ran").c_str());
+    script(GetParam().script);
+    const int live = liveSessions();
+    EXPECT_EQ(StartAkamai(), GetParam().started);
+    EXPECT_EQ(liveSessions(), live + (GetParam().started ? 1 : 0)); // a usable session is left alive
+    EXPECT_EQ(journal("#" + std::to_string(GetParam().sessions) + " create QvDLMgr|(null)|(null)").size(), 1u);
+    EXPECT_TRUE(journal("#" + std::to_string(GetParam().sessions + 1) + " ").empty());
+    EXPECT_TRUE(!GetParam().calls || joined(journal(), 0) == GetParam().calls) << joined(journal(), 0);
+    std::string ran;
+    EXPECT_EQ(qvtest::readFile(scratch / L"ran", ran), GetParam().installerRan);
+    // Written after a pause: it is there because the call waited.
+    EXPECT_TRUE(!GetParam().installerRan || _stricmp(ran.c_str(), narrow(installerPath()).c_str()) == 0) << ran;
+    SetEnvironmentVariableW(L"QVDLM_NSSETUP_MARKER", nullptr);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Scripts, StartAkamaiTest,
+    ::testing::Values(StartRow{"", true, 1, false, "create QvDLMgr|(null)|(null), getLastError"},
+                      StartRow{"create=0", false, 1, false, nullptr},
+                      StartRow{"error=4 ; error=4 ; error=0", true, 3, false, nullptr},
+                      StartRow{"error=4", false, 11, false, nullptr},
+                      StartRow{"error=4 install=0 ; error=0", true, 2, false, nullptr},
+                      StartRow{"error=4 install=1 ; error=0", true, 2, true,
+                               "create QvDLMgr|(null)|(null), getLastError, needsInstall, stop 0, destroy, "
+                               "create QvDLMgr|(null)|(null), getLastError"}));
+
+// Whole downloads through the manager and the real stages: served locally, then with the endpoint
+// answering 404, falling back to plain HTTP.
+TEST(NetSessionDownload, IsServedLocallyOrFallsBackToPlainHttp)
+{
+    qvtest::ScratchDir scratch{L"netsession-download"};
+    const std::wstring endpoint = qvtest::wwwDir().substr(0, qvtest::wwwDir().size() - 4) + L"\\netsession-endpoint";
+    const std::string content = qvtest::patternBytes(5 * 1048576 + 17, 91);
+    const std::string origin = narrow(qvtest::nginxUrl(L"netsession-e2e.bin"));
+    ASSERT_TRUE(qvtest::writeFile(qvtest::wwwDir() + L"\\netsession-e2e.bin", content));
+    EventRecorder events;
+    for (const bool served : {true, false}) {
+        script("");
+        std::string log, before;
+        qvtest::readFile(endpoint + L"\\access.log", before);
+        if (served)
+            ASSERT_TRUE(qvtest::writeFile(endpoint + L"\\www\\api", content));
+        else
+            DeleteFileW((endpoint + L"\\www\\api").c_str());
+        const std::wstring dest = scratch / (served ? L"served" : L"fallback");
+        DownloadRequestLog::getInstance()->open((dest + L".info").c_str());
+        DownloadMgr* manager = QvDLM::createDownloadMgr();
+        DownloadRequest* r = QvDLM::createDownloadRequest();
+        r->setUrl(qvtest::widen(origin).c_str(), nullptr, nullptr);
+        r->setDestDir(dest.c_str());
+        r->setUseAkamai(true);
+        r->setRetryCount(0); // no retries on the local interface: the first failed read falls back
+        Download* d = manager->addDownload(r);
+        ASSERT_TRUE(d && manager->startDownload(d));
+        for (int i = 0; i < 1200 && (d->getState() != qvdlm::state::Completed || manager->anyRunning()); ++i)
+            Sleep(50);
+        EXPECT_EQ(d->getState(), qvdlm::state::Completed) << std::hex << d->getStatus();
+        std::string got;
+        EXPECT_TRUE(qvtest::readFile(dest + L"\\netsession-e2e.bin", got) && got == content) << got.size();
+        qvtest::readFile(endpoint + L"\\access.log", log);
+        EXPECT_NE(log.find("\"GET /api?function=serveFile&cid=0&url=" + origin + " HTTP/1.1\" " + (served ? "206" : "404"),
+                           before.size()), std::string::npos) << log.substr(before.size());
+        EXPECT_EQ(journal("#1 create"), std::vector<std::string>{"#1 create QVDLM|" + origin + "|(null)"});
+        EXPECT_EQ(d->getRequest()->getUseAkamai(), served);
+        EXPECT_EQ(events.has(d, qvdlm::event::StatusMessage, 1021), !served);
+        EXPECT_EQ(events.hasText(L"readerStreamThread fallbacks to http download instead of akamai"), !served);
+        QvDLM::destroy(manager);
+        // A completed one-file package is released with null; a replaced session releases nothing.
+        const std::vector<std::string> calls = journal("#1 ");
+        EXPECT_EQ(joined(calls, calls.size() - (served ? 3 : 1)), served ? "release (null), stop 0, destroy" : "destroy");
+        EXPECT_TRUE(served || journal("#1 release").empty());
+    }
+}
+
+} // namespace
