@@ -1,0 +1,473 @@
+// The proxy lookup against the loopback proxies of proxy_servers.py, with the user's proxy settings in the
+// prefix's registry and its credential store: the HTTP source answering a proxy's 407, whole lookups run
+// as child processes of this program under its debugger (status, record and every debug line), the list
+// rules, and the credential dialog (ProxyDialog.*, run on an X display by dialog_session.sh).
+#include <gtest/gtest.h>
+
+#include <windows.h>
+#include <wincred.h>
+#include <wininet.h>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "QrvlProxy.h"
+#include "proxy/ProxyManagerImplWin.h"
+#include "stream/HTTPStreamImp.h"
+#include "support/EventRecorder.h"
+#include "support/TestSupport.h"
+
+using qvtest::narrow;
+using qvtest::widen;
+
+namespace {
+
+const std::string kUrl = "http://downloads.example/pkg/file.bin";
+enum : DWORD { kDirect = 1, kManual = 2, kPac = 4, kAutoDetect = 8 }; // IE settings flags
+
+// Loopback ports: "@B" Basic proxy, "@O" origin, "@P" open proxy, "@N" NTLM, "@D" Digest, "@C" closed;
+// "#B" and so on the port alone.
+std::string expand(std::string text)
+{
+    for (const auto& [mark, offset] : {std::pair{'B', 12}, {'O', 13}, {'P', 14}, {'N', 15}, {'D', 16}, {'C', 17}})
+        for (const char kind : {'@', '#'})
+            for (size_t at; (at = text.find({kind, mark})) != std::string::npos;)
+                text.replace(at, 2, (kind == '@' ? "127.0.0.1:" : "") + std::to_string(qvtest::port(offset)));
+    return text;
+}
+
+// A registry value of the current user, replaced for one test and put back.
+class SavedValue {
+public:
+    SavedValue(const wchar_t* key, const wchar_t* name) : key_(key), name_(name)
+    {
+        DWORD size = 0;
+        if (RegGetValueW(HKEY_CURRENT_USER, key, name, RRF_RT_ANY, &type_, nullptr, &size) == 0)
+            data_.resize(size), had_ = RegGetValueW(HKEY_CURRENT_USER, key, name, RRF_RT_ANY, &type_, data_.data(), &size) == 0;
+    }
+    ~SavedValue() { had_ ? void(set(type_, data_)) : void(RegDeleteKeyValueW(HKEY_CURRENT_USER, key_, name_)); }
+    bool set(DWORD type, const std::vector<BYTE>& data)
+    {
+        return RegSetKeyValueW(HKEY_CURRENT_USER, key_, name_, type, data.data(), static_cast<DWORD>(data.size())) == 0;
+    }
+
+private:
+    const wchar_t *key_, *name_;
+    bool had_ = false;
+    DWORD type_ = 0;
+    std::vector<BYTE> data_;
+};
+
+#define QVDLM_INTERNET_SETTINGS L"Software\\Microsoft\\Windows\\CurrentVersion\\Internet Settings"
+
+// Internet Explorer's connection settings, which WinHTTP reads.
+struct IeSettings : SavedValue {
+    IeSettings() : SavedValue(QVDLM_INTERNET_SETTINGS L"\\Connections", L"DefaultConnectionSettings") {}
+    bool apply(DWORD flags, const std::string& proxy = "", const std::string& bypass = "", const std::string& pac = "")
+    {
+        static DWORD counter = 1;
+        std::vector<BYTE> out;
+        auto put = [&out](DWORD value) { out.insert(out.end(), reinterpret_cast<BYTE*>(&value), reinterpret_cast<BYTE*>(&value + 1)); };
+        put(0x46), put(counter++), put(flags);
+        for (const std::string& text : {expand(proxy), bypass, expand(pac)})
+            put(static_cast<DWORD>(text.size())), out.insert(out.end(), text.begin(), text.end());
+        out.resize(out.size() + 32);
+        return set(REG_BINARY, out);
+    }
+};
+
+// The credential store's entry for the loopback proxies, removed around each test.
+struct StoredCredential {
+    StoredCredential() { CredDeleteW(L"127.0.0.1", CRED_TYPE_GENERIC, 0); }
+    ~StoredCredential() { CredDeleteW(L"127.0.0.1", CRED_TYPE_GENERIC, 0); }
+    static bool write(std::wstring userAndPassword) // "user/password"
+    {
+        const size_t slash = userAndPassword.find(L'/');
+        userAndPassword[slash] = L'\0';
+        CREDENTIALW c = {};
+        c.Type = CRED_TYPE_GENERIC;
+        c.TargetName = const_cast<wchar_t*>(L"127.0.0.1");
+        c.UserName = userAndPassword.data();
+        c.CredentialBlob = reinterpret_cast<BYTE*>(userAndPassword.data() + slash + 1);
+        c.CredentialBlobSize = static_cast<DWORD>((userAndPassword.size() - slash - 1) * sizeof(wchar_t));
+        c.Persist = CRED_PERSIST_LOCAL_MACHINE;
+        return CredWriteW(&c, 0) != FALSE;
+    }
+    static std::wstring read() // "user/password" of a local-machine entry, or ""
+    {
+        PCREDENTIALW c = nullptr;
+        if (!CredReadW(L"127.0.0.1", CRED_TYPE_GENERIC, 0, &c))
+            return L"";
+        const std::wstring text = std::wstring(c->UserName) + (c->Persist == CRED_PERSIST_LOCAL_MACHINE ? L"/" : L"?") +
+                                  std::wstring(reinterpret_cast<const wchar_t*>(c->CredentialBlob), c->CredentialBlobSize / 2);
+        CredFree(c);
+        return text;
+    }
+};
+
+std::string recordText(const ProxyInfo& r)
+{
+    auto s = [](const char* p) { return std::string(p ? p : "(null)"); };
+    return s(r.server) + ":" + s(r.serverPort) + " " + s(r.user) + "/" + s(r.password) + " " + std::to_string(r.authScheme);
+}
+
+// --- the HTTP source behind the Basic proxy (first: WinINet keeps proxy credentials once given) ---
+
+class HttpSourceProxyTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        const std::wstring proxy = widen(expand("@B"));
+        const auto* bytes = reinterpret_cast<const BYTE*>(proxy.c_str());
+        ASSERT_TRUE(enable_.set(REG_DWORD, {1, 0, 0, 0}) && server_.set(REG_SZ, {bytes, bytes + 2 * proxy.size() + 2}));
+        InternetSetOptionW(nullptr, INTERNET_OPTION_SETTINGS_CHANGED, nullptr, 0);
+    }
+    void TearDown() override
+    {
+        for (const auto& e : events.events()) // no password in any event
+            EXPECT_EQ(e.text.find(L"S3cret-pw"), std::wstring::npos) << narrow(e.text);
+    }
+
+    SavedValue enable_{QVDLM_INTERNET_SETTINGS, L"ProxyEnable"}, server_{QVDLM_INTERNET_SETTINGS, L"ProxyServer"};
+    IeSettings ie_;
+    StoredCredential credential_;
+    EventRecorder events;
+    HTTPStreamImp stream{widen(kUrl).c_str(), 0, 0};
+};
+
+TEST_F(HttpSourceProxyTest, TheHeadRequestGetsItsCredentialsFromTheLookup)
+{
+    ASSERT_TRUE(ie_.apply(kDirect)); // the lookup finds no proxy: the 407 stays
+    EXPECT_NE(stream.openHead(true), nullptr);
+    EXPECT_EQ(stream.statusCode(), 407u);
+    ASSERT_TRUE(ie_.apply(kManual, "@B") && StoredCredential::write(L"alice/S3cret-pw"));
+    ASSERT_NE(stream.openHead(true), nullptr);
+    EXPECT_EQ(stream.statusCode(), 200u);
+    EXPECT_EQ(stream.contentLength(), 12);
+}
+
+// Each new connection of the source must carry the credentials again: a proxy's answer to another
+// connection is not remembered for it.
+TEST_F(HttpSourceProxyTest, TheRangeRequestAnswersTheProxysDemandOnEveryConnection)
+{
+    ASSERT_TRUE(ie_.apply(kManual, "@B") && StoredCredential::write(L"alice/S3cret-pw"));
+    for (int connection = 0; connection < 2; ++connection) {
+        ASSERT_NE(stream.reconnect(), nullptr) << "connection " << connection;
+        EXPECT_EQ(stream.statusCode(), 200u);
+        uint8_t page[64] = {};
+        const uint32_t read = stream.readBytes(page, sizeof page);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(page), read), "origin page\n") << stream.lastStatus();
+        stream.seek(0, 0);
+    }
+}
+
+// --- whole lookups ---
+
+// In the child: one lookup from QVDLM_PROXY_PROBE ("<url>|<user>|<password>|loud|", "(null)" for no
+// input, empty for null); the record goes to the debugger output, the status is the exit code.
+TEST(ProxyProbe, Lookup)
+{
+    const std::string probe = narrow(qvtest::env(L"QVDLM_PROXY_PROBE"));
+    if (probe.empty())
+        GTEST_SKIP() << "only in a child process";
+    std::vector<std::string> parts;
+    for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
+        parts.push_back(probe.substr(at, (end = probe.find('|', at)) - at));
+    parts.resize(4);
+    UserData in = {parts[0].c_str(), parts[1].empty() ? nullptr : parts[1].c_str(),
+                   parts[2].empty() ? nullptr : parts[2].c_str(), parts[3] != "loud"};
+    ProxyInfo out = {};
+    const unsigned status = qrvlGetProxyInfo(parts[0] == "(null)" ? nullptr : &in, &out);
+    OutputDebugStringA(("probe-record " + recordText(out) + "\n").c_str());
+    qrvlProxyDeallocate(&out);
+    ExitProcess(status);
+}
+
+using Env = std::vector<std::pair<std::wstring, std::wstring>>;
+
+// Runs the probe as a debuggee with the given variables set; answers its exit code and debug output.
+std::pair<DWORD, std::string> runProbe(const Env& env)
+{
+    Env saved;
+    for (const auto& [name, value] : env) {
+        saved.emplace_back(name, qvtest::env(name.c_str()));
+        SetEnvironmentVariableW(name.c_str(), value.empty() ? nullptr : value.c_str());
+    }
+    wchar_t self[MAX_PATH];
+    std::wstring command = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) + L"\" --gtest_filter=ProxyProbe.*";
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION child = {};
+    std::pair<DWORD, std::string> result{1000, ""};
+    const BOOL started = CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, DEBUG_ONLY_THIS_PROCESS, nullptr,
+                                        nullptr, &startup, &child);
+    for (ULONGLONG deadline = GetTickCount64() + 60000; started && GetTickCount64() < deadline;) {
+        DEBUG_EVENT e = {};
+        if (!WaitForDebugEvent(&e, 500))
+            continue;
+        DWORD answer = DBG_CONTINUE;
+        ULONG_PTR text = 0, length = 0, wide = 0; // a debug string, in the child's memory
+        if (e.dwDebugEventCode == CREATE_PROCESS_DEBUG_EVENT)
+            CloseHandle(e.u.CreateProcessInfo.hFile);
+        else if (e.dwDebugEventCode == LOAD_DLL_DEBUG_EVENT)
+            CloseHandle(e.u.LoadDll.hFile);
+        else if (e.dwDebugEventCode == OUTPUT_DEBUG_STRING_EVENT)
+            text = reinterpret_cast<ULONG_PTR>(e.u.DebugString.lpDebugStringData), length = e.u.DebugString.nDebugStringLength,
+            wide = e.u.DebugString.fUnicode;
+        else if (const EXCEPTION_RECORD& r = e.u.Exception.ExceptionRecord; e.dwDebugEventCode == EXCEPTION_DEBUG_EVENT) {
+            if ((r.ExceptionCode == 0x4001000A || r.ExceptionCode == 0x40010006) && r.NumberParameters >= 2) // printed
+                text = r.ExceptionInformation[1], length = r.ExceptionInformation[0], wide = r.ExceptionCode == 0x4001000A;
+            else if (r.ExceptionCode != EXCEPTION_BREAKPOINT)
+                answer = DBG_EXCEPTION_NOT_HANDLED;
+        }
+        std::vector<char> buffer(text && length < 65536 ? length * (wide ? 2 : 1) : 0);
+        SIZE_T got = 0;
+        if (!buffer.empty() && ReadProcessMemory(child.hProcess, reinterpret_cast<void*>(text), buffer.data(), buffer.size(), &got))
+            result.second += wide ? narrow(std::wstring(reinterpret_cast<const wchar_t*>(buffer.data()), got / 2).c_str())
+                                  : std::string(buffer.data(), got).c_str();
+        if (e.dwDebugEventCode == EXIT_PROCESS_DEBUG_EVENT)
+            result.first = e.u.ExitProcess.dwExitCode, deadline = 0;
+        ContinueDebugEvent(e.dwProcessId, e.dwThreadId, answer);
+    }
+    if (started) {
+        TerminateProcess(child.hProcess, 1001);
+        CloseHandle(child.hThread);
+        CloseHandle(child.hProcess);
+    }
+    for (const auto& [name, value] : saved)
+        SetEnvironmentVariableW(name.c_str(), value.empty() ? nullptr : value.c_str());
+    return result;
+}
+
+struct LookupRow {
+    DWORD flags;
+    const char *proxy, *pac;
+    const wchar_t* stored; // "user/password" in the store before, or null
+    std::string input;     // of the probe: url|user|password|loud
+    Env env;
+    unsigned status;
+    const char* record;                   // server:port user/password scheme
+    const wchar_t* storedAfter = nullptr; // null: as before
+    std::vector<std::string> lines = {}, absent = {}; // expected after the line prefix; never seen
+};
+
+class LookupTest : public ::testing::TestWithParam<LookupRow> {};
+
+TEST_P(LookupTest, StatusRecordStoreAndLog)
+{
+    const LookupRow& row = GetParam();
+    IeSettings ie;
+    StoredCredential credential;
+    ASSERT_TRUE(ie.apply(row.flags, row.proxy, row.flags & kPac ? "<local>" : "", row.pac));
+    ASSERT_TRUE(!row.stored || StoredCredential::write(row.stored));
+    Env env{{L"QRVL_ENABLE_DEBUG_STRING", L"TRUE"}};
+    env.insert(env.end(), row.env.begin(), row.env.end());
+    env.emplace_back(L"QVDLM_PROXY_PROBE", widen(row.input + "|"));
+    for (auto& [name, value] : env)
+        value = widen(expand(narrow(value)));
+    auto [status, log] = runProbe(env);
+
+    EXPECT_EQ(status, row.status);
+    const size_t at = log.find("probe-record ");
+    ASSERT_NE(at, std::string::npos) << log;
+    const size_t end = log.find('\n', at);
+    EXPECT_EQ(log.substr(at + 13, end - at - 13), expand(row.record));
+    log.erase(at, end - at + 1);
+    EXPECT_EQ(StoredCredential::read(), row.storedAfter ? row.storedAfter : row.stored ? row.stored : L"");
+    for (const std::string& line : row.lines)
+        EXPECT_NE(log.find("Quorvel   QrvlProxyManager   " + expand(line)), std::string::npos) << expand(line) << "\n" << log;
+    for (const std::string& text : row.absent)
+        EXPECT_EQ(log.find(expand(text)), std::string::npos) << text << "\n" << log;
+    EXPECT_EQ(log.find("S3cret-pw"), std::string::npos) << log; // no password in any line
+    for (size_t from = 0; (from = log.find('\n', from)) != std::string::npos && from + 1 < log.size(); ++from)
+        EXPECT_EQ(log.compare(from + 1, 29, "Quorvel   QrvlProxyManager   "), 0) << log.substr(from + 1, 80);
+}
+
+const char kNone[] = "(null):(null) (null)/(null) 0", kOpen[] = "127.0.0.1:#P / 0", kBasic[] = "127.0.0.1:#B (null)/(null) 1";
+const std::string kNoLog = "Quorvel";
+INSTANTIATE_TEST_SUITE_P(Settings, LookupTest, ::testing::Values(
+    // Where the proxy comes from: IE settings (WPAD, PAC, manual), then the default configuration.
+    LookupRow{kDirect, "", "", nullptr, kUrl, {}, 1, kNone, nullptr, {"[INFO]   Unable to detect proxy information from IE "
+        "settings. Trying to get proxy information using default proxy configuration ...\n", "[INFO]   Unable to detect proxy "
+        "information from default proxy configuration\nQuorvel   QrvlProxyManager   [INFO]   No proxy server configuration "
+        "detected.\n", "[INFO]   PMStatus:1\n"}, {"Output:"}},
+    LookupRow{kDirect, "", "", nullptr, kUrl, {{L"http_proxy", L"@P"}}, 0, kOpen, nullptr, {"[DEBUG]   Proxy server list:@P\n",
+        "[INFO]   Output: [server=127.0.0.1 serverPort=#P user= password=**** authScheme=0]\n"}},
+    LookupRow{kManual | kAutoDetect, "@P", "", nullptr, kUrl, {{L"QRVL_QRVL_WPAD_PROXY_CHECK", L"false"}}, 0, kOpen, nullptr,
+        {"[DEBUG]   AutoDetect:1\n", "[INFO]   WDAP proxy check is disabled, skipping WPAD based proxy discovery.\n"},
+        {"Discovering WDAP", "AutoDetectProxyInfo"}},
+    LookupRow{kManual | kAutoDetect, "@P", "", nullptr, kUrl, {{L"QRVL_QRVL_WPAD_PROXY_CHECK", L"yes"}}, 0, kOpen, nullptr,
+        {"[INFO]   Discovering WDAP based proxy setting ... (this may take several seconds)\n",
+         "[INFO]   Unable to automatically detect proxy information using WPAD\n"}},
+    LookupRow{kManual | kPac | kAutoDetect, "@P", "http://@O/pac/PROXY%20@B", nullptr, kUrl, {}, 6, kBasic, nullptr, {"[ERROR]   "
+        "PM_STATUS_SILENT_MODE_ERROR - Application running under Silent Mode and it requires proxy server credentials.\n"}},
+    LookupRow{kManual | kPac, "@P", "http://@O/missing.pac", nullptr, kUrl, {}, 0, kOpen, nullptr,
+        {"[DEBUG]   AutoConfig URL:http://@O/missing.pac\n", "[DEBUG]   Bypass proxy server list:<local>\n",
+         "[ERROR]   WinHttpGetProxyForUrl() API failed. Error:12167 Description:",
+         "[INFO]   Unable to automatically detect proxy information using PAC URL\n"}},
+    LookupRow{kPac, "", "http://@O/pac/DIRECT", nullptr, kUrl, {}, 1, kNone},
+    // Lists and candidates in order; the last candidate decides the status.
+    LookupRow{kManual, "https=@B;http=@P", "", nullptr, kUrl, {}, 0, kOpen},
+    LookupRow{kManual, "http=@P;https=@B", "", nullptr, "https://downloads.example/pkg", {}, 2, kNone, nullptr,
+        {"[DEBUG]   Discovered proxy server information [server=127.0.0.1 port=#B]\n"}, {"port=#P"}},
+    LookupRow{kManual, "ftp=@P", "", nullptr, kUrl, {}, 2, kNone},
+    LookupRow{kManual, ";", "", nullptr, kUrl, {}, 0, kNone, nullptr, {"[DEBUG]   Failed while splitting proxy: '' into proxy "
+        "server and port\n", "[INFO]   PMStatus:0\nQuorvel   QrvlProxyManager   [INFO]   Output: [server= serverPort= user= "
+        "password=**** authScheme=0]\n"}},
+    LookupRow{kManual, "@N;@P", "", nullptr, kUrl, {}, 0, kOpen},
+    LookupRow{kManual, "@C;@B", "", nullptr, kUrl, {}, 6, kBasic},
+    LookupRow{kManual, "@B;@C", "", nullptr, kUrl, {}, 2, kNone},
+    LookupRow{kManual, "[::1]:#C;[fe80::1]", "", nullptr, kUrl, {}, 2, kNone, nullptr,
+        {"[DEBUG]   Discovered proxy server information [server=[::1] port=#C]\n", "[DEBUG]   Discovered proxy server "
+         "information [server=[fe80::1] port=80]\n", "[DEBUG]   No VALID proxy servers detected.\n"}},
+    LookupRow{kManual, "@P", "", nullptr, "http://downloads.example/" + std::string(3000, 'p'), {}, 2, kNone, nullptr,
+        {"[ERROR]   WinHttpCrackUrl() API failed. Error:122 Description:", // and a line cut at 1023 characters:
+         "[INFO]   Input URL:http://downloads.example/" + std::string(988, 'p') + "\n"}},
+    // Schemes: Negotiate is answered with NTLM and reported as 4; Digest is 2.
+    LookupRow{kManual, "@N", "", nullptr, kUrl + "|CORP\\bob|x", {}, 6, "127.0.0.1:#N (null)/(null) 4", nullptr,
+        {"[DEBUG]   Proxy server supports AuthScheme:18\n",
+         "[DEBUG]   Trying 2 authentication scheme although proxy server supports 18 authentication scheme\n"}},
+    LookupRow{kManual, "@D", "", nullptr, kUrl, {}, 6, "127.0.0.1:#D (null)/(null) 2"},
+    // Credentials: the caller's are stored once they worked; stored ones serve the next lookups.
+    LookupRow{kManual, "@B", "", nullptr, kUrl + "|alice|S3cret-pw", {}, 0, "127.0.0.1:#B alice/S3cret-pw 1", L"alice/S3cret-pw",
+        {"[INFO]   Input password:****\n", "[INFO]   Using invoker provided proxy credentials with user:alice\n",
+         "[INFO]   Performing 'StoreCredentials' for proxy server:127.0.0.1 with user:alice\n",
+         "[INFO]   Successfully stored credential.\n",
+         "[DEBUG]   Authenticating proxy server detected with credentials [user=alice password=****]\n",
+         "[INFO]   Output: [server=127.0.0.1 serverPort=#B user=alice password=**** authScheme=1]\n"}},
+    LookupRow{kPac, "", "http://@O/pac/PROXY%20@B", L"alice/S3cret-pw", kUrl, {}, 0, "127.0.0.1:#B alice/S3cret-pw 1", nullptr,
+        {"[INFO]   Using cached credentials for proxy server:127.0.0.1  user:alice\n"}},
+    LookupRow{kManual, "@B", "", L"alice/S3cret-pw", kUrl + "|alice|wrong", {}, 0, "127.0.0.1:#B alice/S3cret-pw 1"},
+    LookupRow{kManual, "@B", "", nullptr, kUrl + "|alice|wrong-Pw-77", {}, 6, kBasic, nullptr, {}, {"wrong-Pw-77"}},
+    LookupRow{kManual, "@B", "", L"alice/stale", kUrl, {}, 6, kBasic},
+    // Wine's dialog answers from the store without a window: endlessly rejected credentials end in an error.
+    LookupRow{kManual, "@B", "", L"alice/stale", kUrl + "|||loud", {}, 2, kNone},
+    LookupRow{kManual, "@P", "", nullptr, kUrl + "|bob|pw", {}, 0, "127.0.0.1:#P bob/pw 0", L"bob/pw"},
+    // Input, and the logger's switch: "TRUE" in any case turns it on, anything else (also unset) off.
+    LookupRow{kManual, "@P", "", nullptr, "", {{L"QRVL_ENABLE_DEBUG_STRING", L"true"}}, 4, kNone, nullptr, {"[INFO]   Performing "
+        "'GetProxyInfo' API ...\nQuorvel   QrvlProxyManager   [ERROR]   Input data 'UserData.url' is NULL or empty!\nQuorvel   "
+        "QrvlProxyManager   [INFO]   PMStatus:4\n"}},
+    LookupRow{kManual, "@P", "", nullptr, "(null)", {}, 4, kNone, nullptr, {}, {kNoLog}},
+    LookupRow{kManual, "@P", "", nullptr, kUrl, {{L"QRVL_ENABLE_DEBUG_STRING", L""}}, 0, kOpen, nullptr, {}, {kNoLog}},
+    LookupRow{kManual, "@P", "", nullptr, kUrl, {{L"QRVL_ENABLE_DEBUG_STRING", L"FALSE"}}, 0, kOpen, nullptr, {}, {kNoLog}},
+    LookupRow{kManual, "@P", "", nullptr, kUrl, {{L"QRVL_ENABLE_DEBUG_STRING", L"yes"}}, 0, kOpen, nullptr, {}, {kNoLog}}));
+
+// --- reducing a proxy list to candidates ---
+
+TEST(ProxyList, SchemeEntriesAndDefaultPorts)
+{
+    using Candidates = std::vector<QRVL::ProxyManager::ProxyCandidate>;
+    const struct {
+        const char* url;
+        const wchar_t* list;
+        Candidates expected; // empty: the list is refused
+    } rows[] = {{"https://h/p", L"proxy.example:8080", {{"proxy.example", "8080"}}}, {"HTTP://h/p", L"p", {{"p", "80"}}},
+                {"ftp://h/p", L"p", {{"p", "21"}}}, {"socks://h:1", L"s", {{"s", "1080"}}}, {"gopher://h/p", L"p", {{"p", "443"}}},
+                {"http:/h", L"p", {{"p", "443"}}}, {"https://h/", L"http=a:80;https=b:443", {{"b", "443"}}},
+                {"http://h/", L"Http=a:80;HTTPS=b:443", {{"a", "80"}}}, {"https://h/", L"https=b;http=a:80", {{"b", "443"}}},
+                {"ftp://h/", L"http=a:80;ftp=f:21;https=b:443", {{"f", "21"}}},
+                {"http://h/", L"http://a:80", {{"//a", "80"}}}, // a colon after the scheme word is a tag too
+                {"https://h/", L"a:1;https=b:2", {{"a", "1"}, {"https=b", "2"}}}, // an untagged list stays as it is
+                {"http://h/", L"a:1;b:2;", {{"a", "1"}, {"b", "2"}}}, {"http://h/", L"a:1;;b", {{"a", "1"}, {"b", "80"}}},
+                {"http://h/", L"[fe80::1]:3128;[fe80::2];fe80::3", {{"[fe80::1]", "3128"}, {"[fe80::2]", "80"}, {"fe80::3", "80"}}},
+                {"http://h/", L"h\u00e9te:9", {{"h\xc3\xa9te", "9"}}}, {"https://h/", L"http=a:80", {}}, {"https://h/", L"", {}}};
+    for (const auto& row : rows) {
+        QRVL::ProxyManager::ProxyManagerImplWin manager;
+        manager.SetRequestUrl(row.url);
+        std::wstring list = row.list;
+        Candidates candidates;
+        EXPECT_EQ(manager.FetchServerInfo(list, candidates), !row.expected.empty()) << narrow(row.list);
+        EXPECT_TRUE(candidates == row.expected) << narrow(row.list);
+    }
+}
+
+// Worker threads of the library may have small stacks: a long URL or list must not exhaust them.
+TEST(ProxyList, LongInputsNeedNoDeepStack)
+{
+    static std::vector<QRVL::ProxyManager::ProxyCandidate> found;
+    HANDLE thread = CreateThread(nullptr, 256 * 1024, [](void*) -> DWORD {
+        QRVL::ProxyManager::ProxyManagerImplWin manager;
+        manager.SetRequestUrl("HTTP://host/" + std::string(200000, 'u'));
+        std::wstring list = L"ftp=f:21;http=" + std::wstring(100000, L'h') + L":8;https=" + std::wstring(100000, L's');
+        return manager.FetchServerInfo(list, found) ? 0 : 1;
+    }, nullptr, STACK_SIZE_PARAM_IS_A_RESERVATION, nullptr);
+    ASSERT_NE(thread, nullptr);
+    ASSERT_EQ(WaitForSingleObject(thread, 30000), WAIT_OBJECT_0);
+    DWORD code = 99;
+    GetExitCodeThread(thread, &code);
+    CloseHandle(thread);
+    EXPECT_EQ(code, 0u);
+    EXPECT_TRUE(found.size() == 1 && found[0].server == std::string(100000, 'h') && found[0].port == "8");
+}
+
+TEST(ProxyRecord, IsReleasedOnceAndToleratesRepeats)
+{
+    ProxyInfo out = {};
+    UserData in = {"", nullptr, nullptr, true};
+    EXPECT_EQ(qrvlGetProxyInfo(&in, nullptr), 4u);
+    qrvlProxyDeallocate(nullptr);
+    out.authScheme = 2;
+    qrvlProxyDeallocate(&out);
+    EXPECT_EQ(recordText(out), "(null):(null) (null)/(null) 0");
+}
+
+// --- the credential dialog, answered on the X display by dialog_driver.sh (only under dialog_session.sh) ---
+
+struct DialogRow {
+    std::string actions; // one per dialog: "type:<user>:<password>" or "cancel"
+    const char *user, *password;
+    std::wstring stored;
+    unsigned status;
+    const char* record;
+    std::wstring storedAfter; // typed credentials are never stored
+};
+
+class ProxyDialog : public ::testing::TestWithParam<DialogRow> {};
+
+TEST_P(ProxyDialog, AnswersTheProxy)
+{
+    const DialogRow& row = GetParam();
+    IeSettings ie;
+    StoredCredential credential;
+    ASSERT_TRUE(ie.apply(kManual, "@B") && (row.stored.empty() || StoredCredential::write(row.stored)));
+    const std::wstring status = qvtest::env(L"QVDLM_TEST_WORK") + L"/proxy-dialog.status";
+    DeleteFileW((L"Z:" + status).c_str());
+    std::wstring command = L"/bin/sh " + qvtest::env(L"QVDLM_TESTS_DIR") + L"/proxy/dialog_driver.sh " + status + L" " + widen(row.actions);
+    STARTUPINFOW startup = {};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION driver = {}; // a Unix program: no handle to wait on, it reports through the file
+    ASSERT_TRUE(CreateProcessW(nullptr, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr, &startup, &driver));
+    CloseHandle(driver.hThread), CloseHandle(driver.hProcess);
+    HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    HANDLE watchdog = CreateThread(nullptr, 0, [](void* finished) -> DWORD { // closes a dialog nobody answered
+        for (int i = 0; i < 300 && WaitForSingleObject(finished, i < 200 ? 300 : 100) == WAIT_TIMEOUT; ++i)
+            if (HWND dialog = i < 200 ? nullptr : FindWindowW(nullptr, L"Connect to 127.0.0.1"))
+                PostMessageW(dialog, WM_CLOSE, 0, 0);
+        return 0;
+    }, done, 0, nullptr);
+    UserData in = {kUrl.c_str(), row.user, row.password, false};
+    ProxyInfo out = {};
+    EXPECT_EQ(qrvlGetProxyInfo(&in, &out), row.status);
+    SetEvent(done);
+    WaitForSingleObject(watchdog, INFINITE);
+    CloseHandle(watchdog), CloseHandle(done);
+    EXPECT_EQ(recordText(out), expand(row.record));
+    qrvlProxyDeallocate(&out);
+    EXPECT_EQ(StoredCredential::read(), row.storedAfter);
+    std::string report;
+    for (int i = 0; i < 150 && !(qvtest::readFile(L"Z:" + status, report) && !report.empty()); ++i)
+        Sleep(100);
+    EXPECT_EQ(report, "ok\n");
+}
+
+// Wine's dialog answers by itself from a stored entry that fits its buffers; a longer stored password makes it ask.
+const std::wstring kLong = L"alice/" + std::wstring(300, L'x');
+INSTANTIATE_TEST_SUITE_P(Answers, ProxyDialog, ::testing::Values(
+    DialogRow{"type:alice:S3cret-pw", nullptr, nullptr, L"", 0, "127.0.0.1:#B alice/S3cret-pw 1", L""},
+    DialogRow{"type:alice:S3cret-pw", nullptr, nullptr, kLong, 0, "127.0.0.1:#B alice/S3cret-pw 1", kLong},
+    DialogRow{"type:alice:wrong-1 type:alice:S3cret-pw", "alice", "wrong-0", L"", 0, "127.0.0.1:#B alice/S3cret-pw 1", L""},
+    DialogRow{"type:CORP\\alice:S3cret-pw", nullptr, nullptr, L"", 0, "127.0.0.1:#B CORP\\alice/S3cret-pw 1", L""},
+    DialogRow{"cancel", nullptr, nullptr, L"", 5, kNone, L""}));
+
+} // namespace
