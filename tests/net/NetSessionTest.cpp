@@ -1,7 +1,6 @@
-// Delivery through the NetSession client, with the scripted QvDownload.dll double beside the program:
-// the module loaded only at run time, a download's session and its errors, the release of every block,
-// the client's start with its installer, and whole downloads served by the client's local endpoint
-// (nginx on 127.0.0.1:9421 answering every request with its file "api").
+// Delivery through the NetSession client with the scripted QvDownload.dll double beside the program: the
+// module loaded at run time only, a download's session and its errors, the release of every block, the
+// client's start with its installer, and whole downloads served by the local endpoint (tests/net/CMakeLists.txt).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -64,7 +63,6 @@ std::vector<std::string> journal(const std::string& prefix = "#")
             lines.push_back(text.substr(at, end - at));
     return lines;
 }
-// The lines from `from` on without their session numbers, joined by ", ".
 std::string joined(const std::vector<std::string>& lines, size_t from)
 {
     std::string all;
@@ -82,16 +80,12 @@ std::shared_ptr<DownloadRequest> deliveredRequest(const wchar_t* url)
 }
 
 // A download that hands out its request and keeps its status and delivery flag as a job would.
-class Job : public ::testing::NiceMock<MockDownload> {
-public:
+struct Job : ::testing::NiceMock<MockDownload> {
     explicit Job(DownloadRequest& request)
     {
         ON_CALL(*this, getRequest()).WillByDefault(Return(&request));
         ON_CALL(*this, setStatus(_)).WillByDefault([this](unsigned s) { status = s; });
-        ON_CALL(*this, setUseAkamai(_, _)).WillByDefault([this, &request](bool use, bool store) {
-            request.setUseAkamai(use);
-            stored = stored || store;
-        });
+        ON_CALL(*this, setUseAkamai(_, _)).WillByDefault([this, &request](bool use, bool store) { request.setUseAkamai(use), stored |= store; });
     }
     unsigned status = 0xDEAD;
     bool stored = false;
@@ -100,12 +94,21 @@ public:
 TEST(NetSessionModule, IsLoadedOnlyWhileADeliveredDownloadHoldsASession)
 {
     ASSERT_EQ(GetModuleHandleW(L"QvDownload.dll"), nullptr);
-    auto request = deliveredRequest(L"http://localhost:19301/a.bin");
-    request->setUseAkamai(false);
+    auto request = deliveredRequest(L"http://localhost:19301/a.bin?SESSION_ID=s");
     Job job{*request};
     qv::NetSessionDelivery delivery;
-    EXPECT_EQ(narrow(delivery.initUrl(job)), "http://localhost:19301/a.bin");
-    delivery.pause(); // without a session the operations do nothing
+    EventRecorder events;
+    // Without the module beside the program: plain HTTP (not stored), and the client cannot be started.
+    const std::wstring dll = installerPath().substr(0, installerPath().size() - 11) + L"QvDownload.dll";
+    ASSERT_TRUE(MoveFileW(dll.c_str(), (dll + L".away").c_str()));
+    const std::string plain = narrow(delivery.initUrl(job));
+    const bool started = StartAkamai();
+    ASSERT_TRUE(MoveFileW((dll + L".away").c_str(), dll.c_str()));
+    EXPECT_EQ(plain, "http://localhost:19301/a.bin?SESSION_ID=s");
+    EXPECT_TRUE(!started && !request->getUseAkamai() && !job.stored && events.events().empty());
+    // Without delivery the module is not loaded and the operations do nothing.
+    EXPECT_EQ(narrow(delivery.initUrl(job)), plain);
+    delivery.pause();
     EXPECT_TRUE(delivery.resume() == 0 && delivery.abort(true) == 0 && delivery.lastError() == 0);
     delivery.finish(*request, qvdlm::state::Completed);
     EXPECT_EQ(GetModuleHandleW(L"QvDownload.dll"), nullptr);
@@ -120,11 +123,10 @@ TEST(NetSessionModule, IsLoadedOnlyWhileADeliveredDownloadHoldsASession)
 class NetSessionTest : public ::testing::Test {
 protected:
     void SetUp() override { script(""); }
-    void TearDown() override
+    void TearDown() override // every session went back stopped, and no call landed in an unused slot
     {
         delivery.shutdown();
-        for (const std::string& line : journal("")) // every session went back stopped, no stray slot
-            EXPECT_TRUE(line.find("unstopped") == std::string::npos && line.find(" slot ") == std::string::npos) << line;
+        EXPECT_TRUE(joined(journal(), 0).find("unstopped") == std::string::npos && joined(journal(), 0).find("slot") == std::string::npos);
         EXPECT_EQ(liveSessions(), live);
     }
 
@@ -140,8 +142,8 @@ struct DeliveryRow {
     const char* script;
     bool local;
     unsigned status;
-    std::vector<std::string> events;
-    const char* calls; // of the first session after its creation; null: not checked
+    std::vector<std::string> events; // kind:value or kind:text
+    const char* calls = nullptr;     // of the first session after its creation
 };
 
 class DeliveryTest : public NetSessionTest, public ::testing::WithParamInterface<DeliveryRow> {};
@@ -150,8 +152,7 @@ TEST_P(DeliveryTest, SessionAnswersDecideTheUrlAndTheEvents)
 {
     const DeliveryRow& row = GetParam();
     script(row.script);
-    const std::string url = narrow(delivery.initUrl(job));
-    EXPECT_EQ(url, row.local ? kServe + origin : origin + "&SESSION_ID=x&y=1");
+    EXPECT_EQ(narrow(delivery.initUrl(job)), row.local ? kServe + origin : origin + "&SESSION_ID=x&y=1");
     EXPECT_TRUE(delivery.active() == row.local && request->getUseAkamai() == row.local && !job.stored);
     EXPECT_EQ(job.status, row.status);
     std::vector<std::string> seen;
@@ -159,32 +160,23 @@ TEST_P(DeliveryTest, SessionAnswersDecideTheUrlAndTheEvents)
         seen.push_back(std::to_string(e.kind) + ":" + (e.text.empty() ? std::to_string(e.value) : narrow(e.text)));
     EXPECT_EQ(seen, row.events);
     const std::vector<std::string> first = journal("#1 ");
-    ASSERT_FALSE(first.empty());
-    EXPECT_EQ(first[0].rfind("#1 create QVDLM|" + origin + "|SESSION_ID=x&y=1", 0), 0u) << first[0];
+    EXPECT_EQ(first.at(0).rfind("#1 create QVDLM|" + origin + "|SESSION_ID=x&y=1", 0), 0u) << first[0];
     EXPECT_TRUE(!row.calls || joined(first, 1) == row.calls) << joined(first, 1);
 }
 
 const char kOtherError[] = "3:DownloadImp::initUrl: createAkamaiNetSession failed. net session error: 42";
-INSTANTIATE_TEST_SUITE_P(
-    Scripts, DeliveryTest,
-    ::testing::Values(DeliveryRow{"", true, 0, {}, "getLastError, resume null, getState"},
-                      DeliveryRow{"create=0", false, 0, {}, ""},
-                      DeliveryRow{"error=7", false, 0, {}, "getLastError, stop 0, destroy"},
-                      DeliveryRow{"resume=-1 error=0,5", true, 0, {"2:1008"}, nullptr},
-                      DeliveryRow{"resume=-1 error=0,6", true, 0, {"2:1013"}, nullptr},
-                      DeliveryRow{"resume=-1 error=0,12", true, 0, {"2:1013"}, nullptr},
-                      DeliveryRow{"resume=-1 error=0,13", true, 0, {}, nullptr},
-                      DeliveryRow{"resume=-1 error=0,42", true, 0, {kOtherError, "6:42"}, nullptr},
-                      // Proxy credentials wanted: a new session at once, given up after ten rounds.
-                      DeliveryRow{"resume=-1 error=0,10 ; resume=0", true, 0x25000009, {"2:1016"},
-                                  "getLastError, resume null, getLastError, stop 0, destroy"},
-                      DeliveryRow{"resume=-1 error=0,10", false, 0x25000009, std::vector<std::string>(10, "2:1016"), nullptr},
-                      // A busy session (state 3 twice) is paused until it leaves that state or pause answers all ones.
-                      DeliveryRow{"state=3,3,3,0", true, 0, {},
-                                  "getLastError, resume null, getState, getState, pause, getState, pause, getState"},
-                      DeliveryRow{"state=3 pause=0,-1", true, 0, {},
-                                  "getLastError, resume null, getState, getState, pause, getState, pause"},
-                      DeliveryRow{"state=3,0", true, 0, {}, "getLastError, resume null, getState, getState"}));
+INSTANTIATE_TEST_SUITE_P(Scripts, DeliveryTest, ::testing::Values(
+    DeliveryRow{"", true, 0, {}, "getLastError, resume null, getState"}, DeliveryRow{"create=0", false, 0, {}, ""},
+    DeliveryRow{"error=7", false, 0, {}, "getLastError, stop 0, destroy"}, DeliveryRow{"resume=-1 error=0,5", true, 0, {"2:1008"}},
+    DeliveryRow{"resume=-1 error=0,6", true, 0, {"2:1013"}}, DeliveryRow{"resume=-1 error=0,12", true, 0, {"2:1013"}},
+    DeliveryRow{"resume=-1 error=0,13", true, 0, {}}, DeliveryRow{"resume=-1 error=0,42", true, 0, {kOtherError, "6:42"}},
+    // Proxy credentials wanted: a new session at once, given up after ten rounds.
+    DeliveryRow{"resume=-1 error=0,10 ; resume=0", true, 0x25000009, {"2:1016"}, "getLastError, resume null, getLastError, stop 0, destroy"},
+    DeliveryRow{"resume=-1 error=0,10", false, 0x25000009, std::vector<std::string>(10, "2:1016")},
+    // A busy session (state 3 twice) is paused until it leaves that state or pause answers all ones.
+    DeliveryRow{"state=3,3,3,0", true, 0, {}, "getLastError, resume null, getState, getState, pause, getState, pause, getState"},
+    DeliveryRow{"state=3 pause=0,-1", true, 0, {}, "getLastError, resume null, getState, getState, pause, getState, pause"},
+    DeliveryRow{"state=3,0", true, 0, {}, "getLastError, resume null, getState, getState"}));
 
 TEST_F(NetSessionTest, DownloadOperationsReachTheirSlots)
 {
@@ -192,10 +184,7 @@ TEST_F(NetSessionTest, DownloadOperationsReachTheirSlots)
     delivery.initUrl(job);
     const size_t before = journal().size();
     delivery.pause();
-    EXPECT_EQ(delivery.resume(), 0u);
-    EXPECT_EQ(delivery.resume(), 5u);
-    EXPECT_EQ(delivery.abort(true), 0u);
-    EXPECT_EQ(delivery.abort(false), 1u);
+    EXPECT_TRUE(delivery.resume() == 0 && delivery.resume() == 5 && delivery.abort(true) == 0 && delivery.abort(false) == 1);
     EXPECT_EQ(delivery.lastError(), 0u);
     job.status = 7;
     delivery.initUrl(job); // a new URL replaces the session and clears the status
@@ -218,11 +207,9 @@ TEST_F(NetSessionTest, EveryBlockIsReleasedByItsOriginUrlAlsoAfterAFallback)
     }
     blocks->setBlockId(1);
     EXPECT_EQ(narrow(delivery.initUrl(blocksJob)), kServe + releases[1].substr(11));
-    EXPECT_EQ(journal("#1 create"), std::vector<std::string>{"#1 create QVDLM|" + releases[1].substr(11) +
-                                                             "|SESSION_ID=x_001_003&y=1"});
+    EXPECT_EQ(journal("#1 create").at(0), "#1 create QVDLM|" + releases[1].substr(11) + "|SESSION_ID=x_001_003&y=1");
     delivery.finish(*blocks, qvdlm::state::Completed);
-    EXPECT_EQ(journal("#1 release"), releases);
-    EXPECT_EQ(blocks->getBlockId(), 0);
+    EXPECT_TRUE(journal("#1 release") == releases && blocks->getBlockId() == 0);
 
     script("");
     blocks->setBlockId(2);
@@ -231,48 +218,42 @@ TEST_F(NetSessionTest, EveryBlockIsReleasedByItsOriginUrlAlsoAfterAFallback)
     EXPECT_TRUE(blocksJob.stored);
     EXPECT_EQ(narrow(blocks->getUrl(true)), releases[2].substr(11) + "&SESSION_ID=x_003_003&y=1");
     delivery.finish(*blocks, qvdlm::state::Aborted);
-    EXPECT_EQ(journal("#1 release"), releases);
-    EXPECT_EQ(blocks->getBlockId(), 0);
+    EXPECT_TRUE(journal("#1 release") == releases && blocks->getBlockId() == 0);
 }
 
 struct StartRow {
     const char* script;
     bool started;
-    size_t sessions;
+    int sessions;
     bool installerRan;
-    const char* calls; // null: not checked
+    const char* calls = nullptr;
 };
 
 class StartAkamaiTest : public ::testing::TestWithParam<StartRow> {};
 
 TEST_P(StartAkamaiTest, SessionsAreMadeKeptAndGivenUp)
 {
+    const StartRow& row = GetParam();
     qvtest::ScratchDir scratch{L"start-akamai"};
     SetEnvironmentVariableW(L"QVDLM_NSSETUP_MARKER", (scratch / L"ran").c_str());
-    script(GetParam().script);
+    script(row.script);
     const int live = liveSessions();
-    EXPECT_EQ(StartAkamai(), GetParam().started);
-    EXPECT_EQ(liveSessions(), live + (GetParam().started ? 1 : 0)); // a usable session is left alive
-    EXPECT_EQ(journal("#" + std::to_string(GetParam().sessions) + " create QvDLMgr|(null)|(null)").size(), 1u);
-    EXPECT_TRUE(journal("#" + std::to_string(GetParam().sessions + 1) + " ").empty());
-    EXPECT_TRUE(!GetParam().calls || joined(journal(), 0) == GetParam().calls) << joined(journal(), 0);
-    std::string ran;
-    EXPECT_EQ(qvtest::readFile(scratch / L"ran", ran), GetParam().installerRan);
-    // Written after a pause: it is there because the call waited.
-    EXPECT_TRUE(!GetParam().installerRan || _stricmp(ran.c_str(), narrow(installerPath()).c_str()) == 0) << ran;
+    EXPECT_EQ(StartAkamai(), row.started);
+    EXPECT_EQ(liveSessions(), live + row.started); // a usable session is left alive
+    EXPECT_EQ(journal("#" + std::to_string(row.sessions) + " create QvDLMgr|(null)|(null)").size(), 1u);
+    EXPECT_TRUE(journal("#" + std::to_string(row.sessions + 1) + " ").empty());
+    EXPECT_TRUE(!row.calls || joined(journal(), 0) == row.calls) << joined(journal(), 0);
+    std::string ran; // written after a pause: it is there because the call waited
+    EXPECT_EQ(qvtest::readFile(scratch / L"ran", ran), row.installerRan);
+    EXPECT_TRUE(!row.installerRan || _stricmp(ran.c_str(), narrow(installerPath()).c_str()) == 0) << ran;
     SetEnvironmentVariableW(L"QVDLM_NSSETUP_MARKER", nullptr);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Scripts, StartAkamaiTest,
-    ::testing::Values(StartRow{"", true, 1, false, "create QvDLMgr|(null)|(null), getLastError"},
-                      StartRow{"create=0", false, 1, false, nullptr},
-                      StartRow{"error=4 ; error=4 ; error=0", true, 3, false, nullptr},
-                      StartRow{"error=4", false, 11, false, nullptr},
-                      StartRow{"error=4 install=0 ; error=0", true, 2, false, nullptr},
-                      StartRow{"error=4 install=1 ; error=0", true, 2, true,
-                               "create QvDLMgr|(null)|(null), getLastError, needsInstall, stop 0, destroy, "
-                               "create QvDLMgr|(null)|(null), getLastError"}));
+INSTANTIATE_TEST_SUITE_P(Scripts, StartAkamaiTest, ::testing::Values(
+    StartRow{"", true, 1, false, "create QvDLMgr|(null)|(null), getLastError"}, StartRow{"create=0", false, 1, false},
+    StartRow{"error=4 ; error=4 ; error=0", true, 3, false}, StartRow{"error=4", false, 11, false},
+    StartRow{"error=4 install=0 ; error=0", true, 2, false}, StartRow{"error=4 install=1 ; error=0", true, 2, true,
+    "create QvDLMgr|(null)|(null), getLastError, needsInstall, stop 0, destroy, create QvDLMgr|(null)|(null), getLastError"}));
 
 // Whole downloads through the manager and the real stages: served locally, then with the endpoint
 // answering 404, falling back to plain HTTP.
@@ -288,17 +269,12 @@ TEST(NetSessionDownload, IsServedLocallyOrFallsBackToPlainHttp)
         script("");
         std::string log, before;
         qvtest::readFile(endpoint + L"\\access.log", before);
-        if (served)
-            ASSERT_TRUE(qvtest::writeFile(endpoint + L"\\www\\api", content));
-        else
-            DeleteFileW((endpoint + L"\\www\\api").c_str());
+        ASSERT_TRUE(served ? qvtest::writeFile(endpoint + L"\\www\\api", content) : DeleteFileW((endpoint + L"\\www\\api").c_str()) != 0);
         const std::wstring dest = scratch / (served ? L"served" : L"fallback");
         DownloadRequestLog::getInstance()->open((dest + L".info").c_str());
         DownloadMgr* manager = QvDLM::createDownloadMgr();
         DownloadRequest* r = QvDLM::createDownloadRequest();
-        r->setUrl(qvtest::widen(origin).c_str(), nullptr, nullptr);
-        r->setDestDir(dest.c_str());
-        r->setUseAkamai(true);
+        r->setUrl(qvtest::widen(origin).c_str(), nullptr, nullptr), r->setDestDir(dest.c_str()), r->setUseAkamai(true);
         r->setRetryCount(0); // no retries on the local interface: the first failed read falls back
         Download* d = manager->addDownload(r);
         ASSERT_TRUE(d && manager->startDownload(d));

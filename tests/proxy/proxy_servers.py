@@ -1,21 +1,9 @@
 #!/usr/bin/env python3
-"""Loopback servers of the proxy tests. proxy_servers.py <port base> <pid file> starts them in a process
-of their own, writes its pid and returns once they listen (tests/fixtures/stop-pid.sh stops it).
-Ports from the base:
-  +12  proxy demanding Basic credentials: alice (also CORP\\alice), password S3cret-pw
-  +13  origin: "/pac/<spec>" is a PAC script returning <spec>, "/missing..." is 404, the rest a page
-  +14  proxy without authentication
-  +15  proxy offering Negotiate and NTLM, never satisfied
-  +16  proxy offering Digest, never satisfied
-A proxy answers each request it lets through itself, as the origin would (so a 200 for a made-up host
-proves that the proxy carried it), and refuses CONNECT with 405."""
-import base64
-import http.server
-import os
-import socketserver
-import sys
-import threading
-import urllib.parse
+"""Loopback servers of the proxy tests: proxy_servers.py <port base> <pid file> forks them off and returns once
+they listen. From the base: +12 a proxy demanding Basic credentials (alice or CORP\\alice, password S3cret-pw), +13 the
+origin ("/pac/<spec>" a PAC script returning <spec>, "/missing..." 404), +14 an open proxy, +15 and +16 proxies offering
+Negotiate and NTLM, or Digest, never satisfied. A proxy answers itself, as the origin, and refuses CONNECT (405)."""
+import base64, http.server, os, socketserver, sys, threading, urllib.parse
 
 ACCEPTED = {"Basic " + base64.b64encode(f"{user}:S3cret-pw".encode()).decode() for user in ("alice", "CORP\\alice")}
 CHALLENGES = {12: ['Basic realm="qvdlm-test"'], 15: ["Negotiate", "NTLM"],
@@ -25,8 +13,7 @@ CHALLENGES = {12: ['Basic realm="qvdlm-test"'], 15: ["Negotiate", "NTLM"],
 class Handler(http.server.BaseHTTPRequestHandler):
     protocol_version = "HTTP/1.1"
 
-    def log_message(self, *args):
-        pass
+    log_message = lambda *args: None
 
     def reply(self, status, body=b"", headers=()):
         self.send_response(status)
@@ -61,7 +48,7 @@ class Server(socketserver.ThreadingMixIn, http.server.HTTPServer):
 
     def server_bind(self):  # no name lookup for loopback
         socketserver.TCPServer.server_bind(self)
-        self.server_name, self.server_port = self.server_address[:2]
+        self.server_name, self.server_port, self.base = *self.server_address[:2], int(sys.argv[1])
 
 
 def main():
@@ -69,15 +56,12 @@ def main():
     servers = [Server(("127.0.0.1", base + n), Handler) for n in (12, 13, 14, 15, 16)]  # listening now
     pid = os.fork()
     if pid:
-        with open(sys.argv[2], "w") as f:
-            f.write("%d\n" % pid)
-        return
+        return open(sys.argv[2], "w").write("%d\n" % pid)
     os.setsid()
     null = os.open(os.devnull, os.O_RDWR)
     for fd in (0, 1, 2):
         os.dup2(null, fd)
     for server in servers:
-        server.base = base
         threading.Thread(target=server.serve_forever, daemon=True).start()
     threading.Event().wait()
 
