@@ -1,6 +1,5 @@
-// The proxy lookup against the loopback proxies of proxy_servers.py, with the user's proxy settings and credential
-// store in the prefix: the HTTP source answering a proxy's 407, whole lookups run as child processes of this program
-// under its debugger (status, record and every debug line), and the credential dialog (ProxyDialog.*, on an X display).
+// The proxy lookup against proxy_servers.py with the prefix's proxy settings and credential store: the HTTP source meeting a
+// 407, whole lookups as child processes under this program's debugger (status, record, every debug line), and the dialog.
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -8,6 +7,7 @@
 #include <wininet.h>
 
 #include <atomic>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -18,6 +18,7 @@
 #include "stream/HTTPStreamImp.h"
 #include "support/TestSupport.h"
 
+using QRVL::ProxyManager::ProxyManagerImplWin;
 using qvtest::narrow;
 using qvtest::widen;
 
@@ -26,8 +27,7 @@ namespace {
 const std::string kUrl = "http://downloads.example/pkg/file.bin";
 enum : DWORD { kDirect = 1, kManual = 2, kPac = 4, kAutoDetect = 8 }; // IE settings flags
 
-// Loopback ports: "@B" Basic proxy, "@O" origin, "@P" open proxy, "@N" NTLM, "@D" Digest, "@C" closed;
-// "#B" and so on the port alone.
+// Loopback "@B" Basic proxy, "@O" origin, "@P" open proxy, "@N" NTLM, "@D" Digest, "@C" closed; "#B" etc. the port alone.
 std::string expand(std::string text)
 {
     for (const auto& [mark, offset] : {std::pair{'B', 12}, {'O', 13}, {'P', 14}, {'N', 15}, {'D', 16}, {'C', 17}})
@@ -40,10 +40,7 @@ std::string expand(std::string text)
 // A registry value of the current user, set for one test and removed afterwards (the test prefix has none).
 struct RegistryValue {
     ~RegistryValue() { RegDeleteKeyValueW(HKEY_CURRENT_USER, key, name); }
-    bool set(DWORD type, const std::vector<BYTE>& data)
-    {
-        return RegSetKeyValueW(HKEY_CURRENT_USER, key, name, type, data.data(), static_cast<DWORD>(data.size())) == 0;
-    }
+    bool set(DWORD type, const std::vector<BYTE>& v) { return RegSetKeyValueW(HKEY_CURRENT_USER, key, name, type, v.data(), DWORD(v.size())) == 0; }
     const wchar_t *key, *name;
 };
 
@@ -69,11 +66,9 @@ struct IeSettings : RegistryValue {
 struct StoredCredential {
     StoredCredential() { CredDeleteW(L"127.0.0.1", CRED_TYPE_GENERIC, 0); }
     ~StoredCredential() { CredDeleteW(L"127.0.0.1", CRED_TYPE_GENERIC, 0); }
-    static bool write(const std::wstring& userAndPassword) // "user/password", through the library's own store call
+    static bool write(const std::wstring& s) // "user/password", through the library's own store call
     {
-        const size_t slash = userAndPassword.find(L'/');
-        return QRVL::ProxyManager::ProxyManagerImplWin().StoreCredentials("127.0.0.1", userAndPassword.substr(0, slash),
-                                                                          userAndPassword.substr(slash + 1));
+        return ProxyManagerImplWin().StoreCredentials("127.0.0.1", s.substr(0, s.find(L'/')), s.substr(s.find(L'/') + 1));
     }
     static std::wstring read() // "user/password" of a local-machine entry, or ""
     {
@@ -114,12 +109,10 @@ protected:
 TEST_F(HttpSourceProxyTest, TheHeadRequestGetsItsCredentialsFromTheLookup)
 {
     ASSERT_TRUE(ie_.apply(kDirect)); // the lookup finds no proxy: the 407 stays
-    EXPECT_NE(stream.openHead(true), nullptr);
-    EXPECT_EQ(stream.statusCode(), 407u);
+    EXPECT_TRUE(stream.openHead(true) && stream.statusCode() == 407) << stream.statusCode();
     ASSERT_TRUE(ie_.apply(kManual, "@B") && StoredCredential::write(L"alice/S3cret-pw"));
     ASSERT_NE(stream.openHead(true), nullptr);
-    EXPECT_EQ(stream.statusCode(), 200u);
-    EXPECT_EQ(stream.contentLength(), 12);
+    EXPECT_TRUE(stream.statusCode() == 200 && stream.contentLength() == 12) << stream.statusCode();
 }
 
 // Each new connection of the source must carry the credentials again: a proxy's answer to another
@@ -137,8 +130,6 @@ TEST_F(HttpSourceProxyTest, TheRangeRequestAnswersTheProxysDemandOnEveryConnecti
     }
 }
 
-// --- whole lookups ---
-
 // In the child: one lookup from QVDLM_PROXY_PROBE ("<url>|<user>|<password>|loud|", "(null)" for no
 // input, empty for null); the record goes to the debugger output, the status is the exit code.
 TEST(ProxyProbe, Lookup)
@@ -146,10 +137,10 @@ TEST(ProxyProbe, Lookup)
     const std::string probe = narrow(qvtest::env(L"QVDLM_PROXY_PROBE"));
     if (probe.empty())
         GTEST_SKIP() << "only in a child process";
-    std::vector<std::string> parts;
-    for (size_t at = 0, end = 0; end != std::string::npos; at = end + 1)
-        parts.push_back(probe.substr(at, (end = probe.find('|', at)) - at));
-    parts.resize(4);
+    std::vector<std::string> parts(4);
+    std::stringstream fields(probe);
+    for (std::string& part : parts)
+        std::getline(fields, part, '|');
     UserData in = {parts[0].c_str(), parts[1].empty() ? nullptr : parts[1].c_str(),
                    parts[2].empty() ? nullptr : parts[2].c_str(), parts[3] != "loud"};
     ProxyInfo out = {};
@@ -187,9 +178,8 @@ std::pair<DWORD, std::string> runProbe(const Env& env)
     wchar_t self[MAX_PATH];
     const std::wstring command = L"\"" + std::wstring(self, GetModuleFileNameW(nullptr, self, MAX_PATH)) + L"\" --gtest_filter=ProxyProbe.*";
     const PROCESS_INFORMATION child = start(command, DEBUG_ONLY_THIS_PROCESS);
-    const bool started = child.hProcess != nullptr;
     std::pair<DWORD, std::string> result{1000, ""};
-    for (ULONGLONG deadline = GetTickCount64() + 60000; started && GetTickCount64() < deadline;) {
+    for (ULONGLONG deadline = GetTickCount64() + 60000; child.hProcess && GetTickCount64() < deadline;) {
         DEBUG_EVENT e = {};
         if (!WaitForDebugEvent(&e, 500))
             continue;
@@ -209,7 +199,7 @@ std::pair<DWORD, std::string> runProbe(const Env& env)
             result.first = e.u.ExitProcess.dwExitCode, deadline = 0;
         ContinueDebugEvent(e.dwProcessId, e.dwThreadId, answer);
     }
-    if (started)
+    if (child.hProcess)
         TerminateProcess(child.hProcess, 1001), CloseHandle(child.hThread), CloseHandle(child.hProcess);
     setEnvironment(saved);
     return result;
@@ -284,7 +274,6 @@ INSTANTIATE_TEST_SUITE_P(Settings, LookupTest, ::testing::Values(
         {"[DEBUG]   Discovered proxy server information [server=127.0.0.1 port=#B]\n"}, {"port=#P"}},
     LookupRow{kManual, "ftp=@P", "", nullptr, kUrl, {}, 2, kNone},
     LookupRow{kManual, "127.0.0.1", "", nullptr, "ftp://h/p", {}, 2, kNone, nullptr, {"[DEBUG]   Discovered proxy server information [server=127.0.0.1 port=21]"}},
-    LookupRow{kManual, "127.0.0.1", "", nullptr, "socks://h:1", {}, 2, kNone, nullptr, {"[DEBUG]   Discovered proxy server information [server=127.0.0.1 port=1080]"}},
     LookupRow{kManual, "127.0.0.1", "", nullptr, "gopher://h/p", {}, 2, kNone, nullptr, {"[DEBUG]   Discovered proxy server information [server=127.0.0.1 port=443]"}},
     LookupRow{kManual, "Http=@P;HTTPS=@B", "", nullptr, "HTTP://h/p", {}, 0, kOpen},
     LookupRow{kManual, "http://@P", "", nullptr, kUrl, {}, 2, kNone, nullptr, {"[DEBUG]   Discovered proxy server information [server=//127.0.0.1 port=#P]"}},
@@ -330,7 +319,7 @@ TEST(ProxyList, LongInputsNeedNoDeepStack)
 {
     static std::vector<QRVL::ProxyManager::ProxyCandidate> found;
     HANDLE thread = CreateThread(nullptr, 256 * 1024, [](void*) -> DWORD {
-        QRVL::ProxyManager::ProxyManagerImplWin manager;
+        ProxyManagerImplWin manager;
         manager.SetRequestUrl("HTTP://host/" + std::string(200000, 'u'));
         std::wstring list = L"ftp=f:21;http=" + std::wstring(100000, L'h') + L":8;https=" + std::wstring(100000, L's');
         return manager.FetchServerInfo(list, found) ? 0 : 1;
@@ -341,56 +330,50 @@ TEST(ProxyList, LongInputsNeedNoDeepStack)
     EXPECT_TRUE(found.size() == 1 && found[0].server == std::string(100000, 'h') && found[0].port == "8");
 }
 
-// --- the credential dialog, answered on the X display by dialog_driver.sh (only under dialog_session.sh) ---
-
-struct DialogRow {
-    std::string actions; // one per dialog: "type:<user>:<password>" or "cancel"
-    const char *user, *password;
-    std::wstring stored;
-    unsigned status;
-    const char* record;
-    std::wstring storedAfter; // typed credentials are never stored
-};
-
-class ProxyDialog : public ::testing::TestWithParam<DialogRow> {};
-
-TEST_P(ProxyDialog, AnswersTheProxy)
-{
-    const DialogRow& row = GetParam();
-    IeSettings ie;
-    StoredCredential credential;
-    ASSERT_TRUE(ie.apply(kManual, "@B") && (row.stored.empty() || StoredCredential::write(row.stored)));
-    const std::wstring status = qvtest::env(L"QVDLM_TEST_WORK") + L"/proxy-dialog.status";
-    DeleteFileW((L"Z:" + status).c_str());
-    const std::wstring command = L"/bin/sh " + qvtest::env(L"QVDLM_TESTS_DIR") + L"/proxy/dialog_driver.sh " + status + L" " + widen(row.actions);
-    ASSERT_NE(start(command, 0).dwProcessId, 0u); // a Unix program: no handle to wait on, it reports through the file
-    static std::atomic<bool> answered;
-    answered = false;
-    std::thread watchdog([] { // closes, after a minute, a dialog nobody answered
-        for (int i = 0; i < 900 && !answered; ++i, Sleep(100))
-            if (HWND dialog = i > 600 ? FindWindowW(nullptr, L"Connect to 127.0.0.1") : nullptr)
-                PostMessageW(dialog, WM_CLOSE, 0, 0);
-    });
-    UserData in = {kUrl.c_str(), row.user, row.password, false};
-    ProxyInfo out = {};
-    EXPECT_EQ(qrvlGetProxyInfo(&in, &out), row.status);
-    answered = true;
-    watchdog.join();
-    EXPECT_EQ(recordText(out), expand(row.record));
-    qrvlProxyDeallocate(&out);
-    EXPECT_EQ(StoredCredential::read(), row.storedAfter);
-    std::string report;
-    for (int i = 0; i < 150 && !(qvtest::readFile(L"Z:" + status, report) && !report.empty()); ++i, Sleep(100)) {}
-    EXPECT_EQ(report, "ok\n");
-}
-
 // Wine's dialog answers by itself from a stored entry that fits its buffers; a longer stored password makes it ask.
-const std::wstring kLong = L"alice/" + std::wstring(300, L'x');
-INSTANTIATE_TEST_SUITE_P(Answers, ProxyDialog, ::testing::Values(
-    DialogRow{"type:alice:S3cret-pw", nullptr, nullptr, L"", 0, "127.0.0.1:#B alice/S3cret-pw 1", L""},
-    DialogRow{"type:alice:S3cret-pw", nullptr, nullptr, kLong, 0, "127.0.0.1:#B alice/S3cret-pw 1", kLong},
-    DialogRow{"type:alice:wrong-1 type:alice:S3cret-pw", "alice", "wrong-0", L"", 0, "127.0.0.1:#B alice/S3cret-pw 1", L""},
-    DialogRow{"type:CORP\\alice:S3cret-pw", nullptr, nullptr, L"", 0, "127.0.0.1:#B CORP\\alice/S3cret-pw 1", L""},
-    DialogRow{"cancel", nullptr, nullptr, L"", 5, kNone, L""}));
+// Answered on the X display by dialog_driver.sh (only in the proxy_dialog_test run).
+TEST(ProxyDialog, AnswersTheProxy)
+{
+    const std::wstring stale = L"alice/" + std::wstring(300, L'x');
+    const struct {
+        std::string actions; // one per dialog: "type:<user>:<password>" or "cancel"
+        const char *user, *password;
+        std::wstring stored;
+        unsigned status;
+        const char* record;
+        std::wstring storedAfter; // typed credentials are never stored
+    } rows[] = {{"type:alice:S3cret-pw", nullptr, nullptr, L"", 0, "127.0.0.1:#B alice/S3cret-pw 1", L""},
+                {"type:alice:S3cret-pw", nullptr, nullptr, stale, 0, "127.0.0.1:#B alice/S3cret-pw 1", stale},
+                {"type:alice:wrong-1 type:alice:S3cret-pw", "alice", "wrong-0", L"", 0, "127.0.0.1:#B alice/S3cret-pw 1", L""},
+                {"type:CORP\\alice:S3cret-pw", nullptr, nullptr, L"", 0, "127.0.0.1:#B CORP\\alice/S3cret-pw 1", L""},
+                {"cancel", nullptr, nullptr, L"", 5, kNone, L""}};
+    for (const auto& row : rows) {
+        IeSettings ie;
+        StoredCredential credential;
+        ASSERT_TRUE(ie.apply(kManual, "@B") && (row.stored.empty() || StoredCredential::write(row.stored)));
+        const std::wstring status = qvtest::env(L"QVDLM_TEST_WORK") + L"/proxy-dialog.status";
+        DeleteFileW((L"Z:" + status).c_str());
+        const std::wstring command = L"/bin/sh " + qvtest::env(L"QVDLM_TESTS_DIR") + L"/proxy/dialog_driver.sh " + status + L" " + widen(row.actions);
+        ASSERT_NE(start(command, 0).dwProcessId, 0u); // a Unix program: no handle to wait on, it reports through the file
+        static std::atomic<bool> answered;
+        answered = false;
+        std::thread watchdog([] { // closes, after a minute, a dialog nobody answered
+            for (int i = 0; i < 900 && !answered; ++i, Sleep(100))
+                if (HWND dialog = i > 600 ? FindWindowW(nullptr, L"Connect to 127.0.0.1") : nullptr)
+                    PostMessageW(dialog, WM_CLOSE, 0, 0);
+        });
+        UserData in = {kUrl.c_str(), row.user, row.password, false};
+        ProxyInfo out = {};
+        EXPECT_EQ(qrvlGetProxyInfo(&in, &out), row.status);
+        answered = true;
+        watchdog.join();
+        EXPECT_EQ(recordText(out), expand(row.record));
+        qrvlProxyDeallocate(&out);
+        EXPECT_EQ(StoredCredential::read(), row.storedAfter);
+        std::string report;
+        for (int i = 0; i < 150 && !(qvtest::readFile(L"Z:" + status, report) && !report.empty()); ++i, Sleep(100)) {}
+        EXPECT_EQ(report, "ok\n") << row.actions;
+    }
+}
 
 } // namespace

@@ -6,8 +6,7 @@ Negotiate and NTLM, or Digest, never satisfied. A proxy answers itself, as the o
 import base64, http.server, os, socketserver, sys, threading, urllib.parse
 
 ACCEPTED = {"Basic " + base64.b64encode(f"{user}:S3cret-pw".encode()).decode() for user in ("alice", "CORP\\alice")}
-CHALLENGES = {12: ['Basic realm="qvdlm-test"'], 15: ["Negotiate", "NTLM"],
-              16: ['Digest realm="qvdlm-test", nonce="abc123", qop="auth"']}
+CHALLENGES = {12: ['Basic realm="qvdlm-test"'], 15: ["Negotiate", "NTLM"], 16: ['Digest realm="qvdlm-test", nonce="abc123", qop="auth"']}
 
 
 class Handler(http.server.BaseHTTPRequestHandler):

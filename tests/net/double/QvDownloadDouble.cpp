@@ -1,12 +1,8 @@
-// Stand-in for the NetSession client's module QvDownload.dll. It declares the session class on its own
-// (not through the library's header), so that a slot the library gets wrong shows up in the journal.
-// Tests drive it through C exports:
-// - QvdScript("key=a,b key=c;..."): the sessions that the create calls make, in turn, the last repeating.
-//   Keys: create (0: the call answers null), error (getLastError), install (needsInstall), resume, stop,
-//   pause, state (getState); decimal answers, the last repeating, -1 = all ones, unset keys answer 0.
-//   The journal and the session numbers start afresh.
-// - QvdJournal(buffer, capacity): one line per call, "#<n> <operation> [argument]"; answers the size needed.
-// - QvdLiveSessions(): sessions made and not destroyed.
+// Stand-in for the NetSession client's module QvDownload.dll, declaring the session class on its own (not through the
+// library's header) so that a slot the library gets wrong shows in the journal. Driven by C exports: QvdScript("key=a,b
+// key=c ; ...") scripts the sessions that create calls make in turn (keys create, error, install, resume, stop, pause,
+// state; -1 is all ones; the last answer and session repeat, unset keys answer 0) and starts the journal afresh;
+// QvdJournal copies it out, a line "#<n> <call> [argument]" per call; QvdLiveSessions counts sessions not destroyed.
 #include <cstdlib>
 #include <deque>
 #include <map>
