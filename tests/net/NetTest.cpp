@@ -12,6 +12,7 @@
 #include <random>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -324,10 +325,8 @@ TEST(UrlToken, EdgesOfTheInputs)
 {
     EXPECT_EQ(token("/x", 1700000000, 60, "k", "").first, qvtest::urlTokenDigest(1700000060, "/x", "", "k"));
     EXPECT_EQ(token("/big", 0x100000000ull - 30, 60, "k", nullptr).first, qvtest::urlTokenDigest(30, "/big", "", "k"));
-    EXPECT_EQ(token(nullptr, 1, 1, nullptr, nullptr, -1).first, "");
-    EXPECT_EQ(token("", 1, 1, nullptr, nullptr, -2).first, "");
-    EXPECT_EQ(token("/u", 1, 1, nullptr, nullptr, -3).first, "");
-    EXPECT_EQ(token("/u", 1, 1, "", nullptr, -4).first, "");
+    for (const auto& [url, key, rc] : {std::tuple<const char*, const char*, int>{nullptr, nullptr, -1}, {"", nullptr, -2}, {"/u", nullptr, -3}, {"/u", "", -4}})
+        EXPECT_EQ(token(url, 1, 1, key, nullptr, rc).first, ""); // checked in this order
     const int64_t now = static_cast<int64_t>(time(nullptr));
     const int64_t expiry = token("/p/pkg.tar.lzma2", 0, 2592000, "secret", nullptr).second; // start 0 is now
     EXPECT_TRUE(expiry >= now + 2592000 && expiry <= now + 2592001) << expiry - now;
@@ -399,13 +398,12 @@ TEST(UrlValidation, CodesSizesAndMessages)
 {
     const std::wstring direct = L"http://127.0.0.1:" + std::to_wstring(qvtest::port(qvtest::kNginxPortOffset)) + L"/";
     const std::wstring closed = L"http://localhost:" + std::to_wstring(qvtest::port(19)) + L"/a.bin";
-    struct Row {
+    const struct {
         std::wstring url;
         unsigned long code, otherCode; // Windows and Wine differ on a refused connection
         int64_t size; // -7: never recorded
         std::wstring message; // "{url}" stands for the URL; a final '*' for any rest; empty: none
-    };
-    const Row rows[] = {
+    } rows[] = {
         {qvtest::nginxUrl(L"hello.txt"), 0, 0, 13, L"validateUrl: Content length is 13\t{url} "},
         {qvtest::nginxUrl(L"pattern-2-4198403.bin"), 0, 0, 4198403, L"validateUrl: Content length is 4198403\t{url} "},
         {qvtest::nginxUrl(L"empty.bin"), 2, 2, 0, L"validateUrl: Content length is 0\t{url} "},
@@ -421,7 +419,7 @@ TEST(UrlValidation, CodesSizesAndMessages)
         {L"a", 2, 2, -7, L"validateUrl: validateUrlDomain failed for URL: {url}"},
         {L"http://example.org/" + std::wstring(5000, L'x'), 2, 2, -7, // cut at 1023 characters
          L"validateUrl: validateUrlDomain failed for URL: http://example.org/" + std::wstring(957, L'x')}};
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         FakeRequest request(row.url);
         request.setContentLength(-7);
         EventRecorder events;
@@ -435,9 +433,8 @@ TEST(UrlValidation, CodesSizesAndMessages)
         std::wstring expected = row.message;
         if (const size_t at = expected.find(L"{url}"); at != std::wstring::npos)
             expected.replace(at, 5, row.url);
-        const bool prefix = expected.back() == L'*';
         EXPECT_EQ(seen[0].source, nullptr);
-        EXPECT_EQ(prefix ? seen[0].text.substr(0, expected.size() - 1) + L"*" : seen[0].text, expected);
+        EXPECT_EQ(expected.back() == L'*' ? seen[0].text.substr(0, expected.size() - 1) + L"*" : seen[0].text, expected);
     }
     FakeRequest noUrl;
     EXPECT_TRUE(validateUrl(&noUrl) == 2 && validateUrl(nullptr) == 2);

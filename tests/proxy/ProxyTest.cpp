@@ -7,6 +7,7 @@
 #include <wininet.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -147,7 +148,7 @@ TEST(ProxyProbe, Lookup)
     const unsigned status = qrvlGetProxyInfo(parts[0] == "(null)" ? nullptr : &in, &out);
     OutputDebugStringA(("probe-record " + recordText(out) + "\n").c_str());
     qrvlProxyDeallocate(&out), qrvlProxyDeallocate(&out), qrvlProxyDeallocate(nullptr); // repeats are harmless
-    ExitProcess(status);
+    std::exit(static_cast<int>(status)); // through the C runtime, which writes what it must at exit
 }
 
 PROCESS_INFORMATION start(std::wstring command, DWORD flags)
@@ -365,8 +366,7 @@ TEST(ProxyDialog, AnswersTheProxy)
         UserData in = {kUrl.c_str(), row.user, row.password, false};
         ProxyInfo out = {};
         EXPECT_EQ(qrvlGetProxyInfo(&in, &out), row.status);
-        answered = true;
-        watchdog.join();
+        answered = true, watchdog.join();
         EXPECT_EQ(recordText(out), expand(row.record));
         qrvlProxyDeallocate(&out);
         EXPECT_EQ(StoredCredential::read(), row.storedAfter);

@@ -1,8 +1,6 @@
-// Stand-in for the NetSession client's module QvDownload.dll, declaring the session class on its own (not through the
-// library's header) so that a slot the library gets wrong shows in the journal. Driven by C exports: QvdScript("key=a,b
-// key=c ; ...") scripts the sessions that create calls make in turn (keys create, error, install, resume, stop, pause,
-// state; -1 is all ones; the last answer and session repeat, unset keys answer 0) and starts the journal afresh;
-// QvdJournal copies it out, a line "#<n> <call> [argument]" per call; QvdLiveSessions counts sessions not destroyed.
+// Stand-in for QvDownload.dll with a session class of its own, so that a wrong slot shows in the journal. QvdScript("key=a,b
+// key=c ; ...") scripts the sessions made in turn (keys create, error, install, resume, stop, pause, state; -1 all ones; last
+// answer and session repeat; unset 0) and clears the journal, which QvdJournal copies out: "#<n> <call> [argument]" lines.
 #include <cstdlib>
 #include <deque>
 #include <map>
