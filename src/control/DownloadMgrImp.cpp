@@ -194,8 +194,11 @@ Download* DownloadMgrImp::addDownload(DownloadRequest* request)
         std::wstring& folder;
         ~RemoveOnFailure()
         {
-            if (!folder.empty())
-                qv::deleteTree(folder);
+            if (folder.empty())
+                return;
+            const DWORD error = GetLastError(); // the caller learns why adding failed
+            qv::deleteTree(folder);
+            SetLastError(error);
         }
     } removeOnFailure{createdFolder};
     if (!restoring_ && !stored) {

@@ -339,7 +339,7 @@ TEST_F(JobTest, AWorkerErrorCodeBecomesTheStatus)
     ASSERT_NE(job->start(), nullptr);
     ASSERT_TRUE(job->waitForControlThread(10000));
     EXPECT_EQ(job->getStatus(), 0x28000002u);
-    EXPECT_EQ(job->getState(), state::Completed);
+    EXPECT_EQ(job->getState(), state::Aborted);
 }
 
 TEST_F(JobTest, AWorkerEndingAsAbortingMakesTheDownloadAborted)
