@@ -99,6 +99,7 @@ unsigned char __stdcall copyInsteadOfLink(const wchar_t* linkPath, const wchar_t
 }
 
 std::atomic<SymbolicLinkOperation> g_symbolicLink{nullptr};
+std::atomic<bool> g_symbolicLinkIsSystems{false}; // the operation is the system's own (or its copy stand-in)
 
 SymbolicLinkOperation chooseSymbolicLinkOperation()
 {
@@ -259,9 +260,17 @@ bool linkOrCopy(const std::wstring& newPath, const std::wstring& existingPath)
     return CopyFileW(existingPath.c_str(), newPath.c_str(), FALSE) != FALSE;
 }
 
-void selectSymbolicLinkOperation() { g_symbolicLink.store(chooseSymbolicLinkOperation()); }
+void selectSymbolicLinkOperation()
+{
+    g_symbolicLink.store(chooseSymbolicLinkOperation());
+    g_symbolicLinkIsSystems.store(true);
+}
 
-void setSymbolicLinkOperation(SymbolicLinkOperation operation) { g_symbolicLink.store(operation); }
+void setSymbolicLinkOperation(SymbolicLinkOperation operation)
+{
+    g_symbolicLink.store(operation);
+    g_symbolicLinkIsSystems.store(false);
+}
 
 bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath, bool directory)
 {
@@ -269,13 +278,18 @@ bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath, 
     constexpr unsigned long kUnprivileged = 0x2;      // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
     SymbolicLinkOperation operation = g_symbolicLink.load();
     if (!operation) {
-        operation = chooseSymbolicLinkOperation();
-        g_symbolicLink.store(operation);
+        selectSymbolicLinkOperation();
+        operation = g_symbolicLink.load();
     }
     const unsigned long flags = directory ? kFolderLink : 0;
     bool made = operation(linkPath.c_str(), targetPath.c_str(), flags | kUnprivileged) != 0;
     if (!made && GetLastError() == ERROR_INVALID_PARAMETER) // a system older than that request
         made = operation(linkPath.c_str(), targetPath.c_str(), flags) != 0;
+    // Some systems report a link made that is not there (Wine, for one): only one that stands counts.
+    if (made && g_symbolicLinkIsSystems.load() && GetFileAttributesW(linkPath.c_str()) == INVALID_FILE_ATTRIBUTES) {
+        SetLastError(ERROR_PRIVILEGE_NOT_HELD);
+        made = false;
+    }
     if (made)
         return true;
     if (GetLastError() == kErrorAlreadyExists) {

@@ -559,8 +559,7 @@ bool TARStreamWriterImp::makeSymbolicLink()
     const bool haveTarget = qv::toLongPath(existing) && GetFileAttributesW(existing.c_str()) != INVALID_FILE_ATTRIBUTES;
     const bool folderTarget = haveTarget && (GetFileAttributesW(existing.c_str()) & FILE_ATTRIBUTE_DIRECTORY) != 0;
     linksMade_ = true;
-    // A system may report a link made that is not there: only one that stands counts.
-    if (qv::symbolicLink(path, text, folderTarget) && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+    if (qv::symbolicLink(path, text, folderTarget))
         return true;
     // Where the system refuses the link, a copy of its target (inside the destination, checked above)
     // stands in for it; a link never fails the package.
