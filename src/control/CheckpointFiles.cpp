@@ -67,7 +67,7 @@ bool CheckpointFiles::writeTemp(const std::wstring& dir, uint32_t id, const wcha
     return FlushFileBuffers(file.get()) != 0;
 }
 
-void CheckpointFiles::commit(const std::wstring& dir, uint32_t id)
+int CheckpointFiles::commit(const std::wstring& dir, uint32_t id)
 {
     const std::wstring prefix = kTempPrefix;
     std::vector<std::pair<std::wstring, std::wstring>> renamed;
@@ -78,8 +78,25 @@ void CheckpointFiles::commit(const std::wstring& dir, uint32_t id)
         renamed.emplace_back(from, to);
     });
     // A second pass catches a file that the search did not see renamed; it does nothing otherwise.
-    for (const auto& [from, to] : renamed)
+    int count = 0;
+    for (const auto& [from, to] : renamed) {
         MoveFileExW(longForm(from).c_str(), longForm(to).c_str(), MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH);
+        if (GetFileAttributesW(longForm(from).c_str()) != INVALID_FILE_ATTRIBUTES ||
+            GetFileAttributesW(longForm(to).c_str()) == INVALID_FILE_ATTRIBUTES)
+            count = -1;
+        else if (count >= 0)
+            ++count;
+    }
+    return count;
+}
+
+void CheckpointFiles::removeTemp(const std::wstring& dir, uint32_t id)
+{
+    std::vector<std::wstring> names;
+    forEachFile(dir, std::wstring(kTempPrefix) + idText(id) + L"_*.chk",
+                [&](const std::wstring& name) { names.push_back(name); });
+    for (const auto& name : names)
+        DeleteFileW(longForm(dir + L"\\" + name).c_str());
 }
 
 void CheckpointFiles::removeCommitted(const std::wstring& dir, uint32_t id)

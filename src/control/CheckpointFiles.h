@@ -17,7 +17,11 @@ public:
     static bool writeTemp(const std::wstring& dir, uint32_t id, const wchar_t* stage, const void* data, size_t size);
 
     // Renames every temporary file of id to its committed name (replacing an older one of that name).
-    static void commit(const std::wstring& dir, uint32_t id);
+    // Answers how many files were renamed, or -1 when one of them could not be.
+    static int commit(const std::wstring& dir, uint32_t id);
+
+    // Deletes every temporary file of id (a checkpoint that will not be committed).
+    static void removeTemp(const std::wstring& dir, uint32_t id);
 
     // Deletes every committed file of id.
     static void removeCommitted(const std::wstring& dir, uint32_t id);

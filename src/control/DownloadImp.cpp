@@ -427,6 +427,8 @@ bool DownloadImp::checkpointDue(unsigned id, bool ask)
     // end; the checkpoint waits for the next block.
     const int64_t blockLength = request_->getContentLength();
     const bool atBlockEnd = blockLength > 0 && request_->getBlockDownloadedSize() >= static_cast<uint64_t>(blockLength);
+    if (discarding_)
+        return false; // the progress is being thrown away: nothing more is recorded
     if (ask && checkpointBlock_ == 0 && !atBlockEnd) {
         const uint64_t downloaded = getDownloadedSize();
         if (downloaded > lastCheckpointAt_ + request_->getSaveInterval()) {
@@ -448,7 +450,32 @@ int DownloadImp::saveCheckpoint(const wchar_t* name, unsigned id, Stream* stage,
         return false;
     if (!checkpointDue(id, ask))
         return true;
+    const bool written = writeCheckpointPart(name, id, stage);
 
+    qv::CsLock hold(checkpointLock_);
+    if (checkpointBlock_ != id || discarding_) {
+        // Given up meanwhile: this part belongs to no checkpoint.
+        DeleteFileW(qv::longForm(qv::CheckpointFiles::tempPath(textOf(request_->getCheckpointDir()), id, name)).c_str());
+        return written;
+    }
+    request_->setCheckpointId(id);
+    if (written)
+        ++partsWritten_;
+    else
+        partFailed_ = true;
+    if (!commit)
+        return written;
+    // A checkpoint commits only whole: every stage's part written, and the job's own record with them.
+    const bool whole = written && !partFailed_ && partsWritten_ > 0 &&
+                       (stages_.empty() || partsWritten_ == stages_.size());
+    if (whole && !discarding_ && writeProgressRecord(id) && commitCheckpoint(id))
+        return true;
+    abandonCheckpoint(id);
+    return false;
+}
+
+bool DownloadImp::writeCheckpointPart(const wchar_t* name, uint32_t id, Stream* stage)
+{
     uint64_t capacity = 0;
     const uint64_t size = stage->saveState(nullptr, &capacity);
     if (size == 0 || size > 0x7FFFFFFF)
@@ -459,26 +486,45 @@ int DownloadImp::saveCheckpoint(const wchar_t* name, unsigned id, Stream* stage,
     capacity = size;
     if (stage->saveState(buffer.as<StreamStateHeader>(), &capacity) != size)
         return false;
-
     request_->setState(state_);
-    request_->setCheckpointId(id);
-    const std::wstring dir = textOf(request_->getCheckpointDir());
-    const bool written = qv::CheckpointFiles::writeTemp(dir, id, name, buffer.get(), static_cast<size_t>(size));
-    buffer.reset();
-    if (!written || !commit)
-        return written;
+    return qv::CheckpointFiles::writeTemp(textOf(request_->getCheckpointDir()), id, name, buffer.get(),
+                                          static_cast<size_t>(size));
+}
 
-    qv::CsLock hold(checkpointLock_);
-    if (!writeProgressRecord(id))
+// Under the checkpoint lock, with every part of id written.
+bool DownloadImp::commitCheckpoint(uint32_t id)
+{
+    const std::wstring dir = textOf(request_->getCheckpointDir());
+    const int expected = static_cast<int>(partsWritten_) + 1; // the stages' parts and the job's record
+    const int renamed = qv::CheckpointFiles::commit(dir, id);
+    if (renamed != expected) {
+        // The store still names the previous checkpoint: what was renamed of this one goes.
+        qv::CheckpointFiles::removeCommitted(dir, id);
         return false;
+    }
     const uint32_t previous = checkpointId_;
-    qv::CheckpointFiles::commit(dir, id);
-    if (DownloadRequestLog* log = store())
+    if (DownloadRequestLog* log = store()) {
         log->saveProgress(request_, state_, id);
+        // The store must name the new checkpoint on the disk before the old one's files are gone.
+        if (const wchar_t* path = log->getPath())
+            qv::flushFile(path);
+    }
     checkpointId_ = id;
     checkpointBlock_ = 0;
+    partsWritten_ = 0;
+    partFailed_ = false;
     qv::CheckpointFiles::removeCommitted(dir, previous);
-    return written;
+    return true;
+}
+
+// Under the checkpoint lock: the previous checkpoint stays in force and a later one is tried again.
+void DownloadImp::abandonCheckpoint(uint32_t id)
+{
+    qv::CheckpointFiles::removeTemp(textOf(request_->getCheckpointDir()), id);
+    request_->setCheckpointId(discarding_ ? 0 : checkpointId_);
+    checkpointBlock_ = 0;
+    partsWritten_ = 0;
+    partFailed_ = false;
 }
 
 bool DownloadImp::writeProgressRecord(uint32_t id)
@@ -625,6 +671,9 @@ HANDLE DownloadImp::start()
         qv::CsLock hold(checkpointLock_);
         checkpointId_ = request_->getCheckpointId();
         checkpointBlock_ = 0;
+        partsWritten_ = 0;
+        partFailed_ = false;
+        discarding_ = false;
         lastCheckpointAt_ = getDownloadedSize();
     }
     finalised_ = false;
@@ -745,7 +794,7 @@ DWORD DownloadImp::runControlThread()
     }
 
     bool haveFinalState = false;
-    uint32_t finalState = 0;
+    bool failed = false;
     std::vector<HANDLE> alive;
     for (const auto& worker : workers)
         alive.push_back(worker.first);
@@ -758,11 +807,16 @@ DWORD DownloadImp::runControlThread()
             DWORD code = 0;
             GetExitCodeThread(*it, &code);
             if (code != 0) {
-                if (isErrorCode(code))
+                if (isErrorCode(code)) {
                     status_ = code;
-                else {
-                    finalState = code;
-                    haveFinalState = true;
+                    failed = true;
+                } else if (code >= state::Pending && code <= state::Removed) {
+                    haveFinalState = true; // a stage that ended by a stop or could not be prepared
+                } else {
+                    // A decoder's or the system's own code: the stage failed all the same.
+                    if (!isErrorCode(status_))
+                        status_ = status::GeneralError;
+                    failed = true;
                 }
             }
             it = alive.erase(it);
@@ -784,12 +838,19 @@ DWORD DownloadImp::runControlThread()
         }
     }
 
+    // Commands that arrived while the last worker ended (the manager's abort after a stage's error
+    // event among them) are carried out before the outcome is decided.
+    handleMessages(workers);
     for (const auto& worker : workers)
         CloseHandle(worker.first);
-    if (!haveFinalState)
-        changeState(state::Completing);
-    else if (finalState == state::Aborting && state_ != state::Aborting)
+    const uint32_t now = state_;
+    if (now == state::Exiting || now == state::Aborting)
+        return 0; // a stop has decided
+    // A run whose pipeline failed never completes: what it wrote is incomplete.
+    if (failed || haveFinalState)
         changeState(state::Aborting);
+    else if (!haveFinalState)
+        changeState(state::Completing);
     return 0;
 }
 
@@ -852,6 +913,9 @@ void DownloadImp::postToWorkers(UINT message, const WorkerMap& workers)
 void DownloadImp::stopProcedure(bool discard, const WorkerMap& workers)
 {
     if (discard) {
+        // A commit in progress finishes before the reset; none begins after it.
+        qv::CsLock hold(checkpointLock_);
+        discarding_ = true;
         request_->setBlockId(0);
         request_->setCheckpointId(0);
         request_->setBlockDownloadedSize(0);
@@ -889,6 +953,12 @@ void DownloadImp::finalCleanup()
     if (finalised_.exchange(true))
         return;
     destroyTargets();
+    {
+        // Every worker has ended: a checkpoint still open will never be committed.
+        qv::CsLock hold(checkpointLock_);
+        if (checkpointBlock_ != 0)
+            abandonCheckpoint(checkpointBlock_);
+    }
 
     const uint32_t s = state_;
     if (s == state::Aborting) {

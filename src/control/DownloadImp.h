@@ -119,6 +119,9 @@ private:
     int64_t checkpointedFileOffset();
     void restoreProgressRecord();
     bool writeProgressRecord(uint32_t id);
+    bool writeCheckpointPart(const wchar_t* name, uint32_t id, Stream* stage);
+    bool commitCheckpoint(uint32_t id);
+    void abandonCheckpoint(uint32_t id);
 
     JobEnvironment env_;
     std::vector<Target*> stages_;
@@ -145,6 +148,9 @@ private:
     uint64_t lastCheckpointAt_ = 0;
     uint32_t checkpointBlock_ = 0;
     uint32_t checkpointId_ = 0;
+    size_t partsWritten_ = 0;   // stages' parts of the open checkpoint written in full
+    bool partFailed_ = false;   // a part of the open checkpoint could not be written
+    bool discarding_ = false;   // an abort with discard has begun: nothing more is committed
     struct ProgressSnapshot {
         int32_t blockId = 0;
         uint64_t blockDownloaded = 0;

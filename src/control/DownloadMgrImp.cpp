@@ -89,7 +89,11 @@ DownloadMgrImp::DownloadMgrImp(const JobEnvironment& environment) : env_(environ
 DownloadMgrImp::~DownloadMgrImp()
 {
     // Downloads still running are thrown away, paused ones included; stopped and queued ones keep what
-    // they have, so that a later restore finishes them.
+    // they have, so that a later restore finishes them. From here on no event of theirs starts another.
+    {
+        qv::CsLock hold(lock_);
+        closing_ = true;
+    }
     std::vector<Download*> running;
     for (Download* d : downloads_) {
         auto* job = dynamic_cast<DownloadImp*>(d);
@@ -162,6 +166,14 @@ bool DownloadMgrImp::restore()
         } else if (stored == state::Aborting) {
             request->setState(state::Aborted);
         }
+        // A download that ended will not run again: its checkpoints are of no more use. (One that
+        // failed its check above keeps them: it may still be started again.)
+        const uint32_t now = request->getState();
+        if (now == state::Completed || (now == state::Aborted && stored != state::Play)) {
+            const std::wstring checkpointDir = textOf(request->getCheckpointDir());
+            if (!checkpointDir.empty() && qv::folderExists(checkpointDir))
+                qv::deleteTree(checkpointDir);
+        }
         if (addDownload(request))
             added = true;
     }
@@ -177,6 +189,18 @@ Download* DownloadMgrImp::addDownload(DownloadRequest* request)
     DownloadRequestLog* log = store();
     const std::wstring id = textOf(request->getId());
     const bool stored = log && !id.empty() && log->exists(id.c_str());
+    std::wstring createdFolder; // the checkpoint folder made here, removed again when adding fails
+    struct RemoveOnFailure {
+        std::wstring& folder;
+        ~RemoveOnFailure()
+        {
+            if (folder.empty())
+                return;
+            const DWORD error = GetLastError(); // the caller learns why adding failed
+            qv::deleteTree(folder);
+            SetLastError(error);
+        }
+    } removeOnFailure{createdFolder};
     if (!restoring_ && !stored) {
         std::wstring checkpointDir = textOf(request->getCheckpointDir());
         if (checkpointDir.empty()) {
@@ -188,8 +212,11 @@ Download* DownloadMgrImp::addDownload(DownloadRequest* request)
             checkpointDir = storeFolder + L"\\Checkpoints\\" + unique + std::to_wstring(++counter);
             request->setCheckpointDir(checkpointDir.c_str());
         }
+        const bool existed = qv::folderExists(checkpointDir);
         if (!prepareFolder(checkpointDir))
             return nullptr;
+        if (!existed)
+            createdFolder = checkpointDir;
         const std::wstring destDir = textOf(request->getDestDir());
         if (!prepareFolder(destDir))
             return nullptr;
@@ -217,6 +244,7 @@ Download* DownloadMgrImp::addDownload(DownloadRequest* request)
         qv::CsLock hold(lock_);
         downloads_.push_back(download);
     }
+    createdFolder.clear();
     if (log)
         log->add(request);
     return download;
@@ -353,7 +381,7 @@ void DownloadMgrImp::notify(const EventRecord* record)
         return;
     qv::CsLock hold(lock_);
     Download* d = record->source;
-    if (!owns(d))
+    if (closing_ || !owns(d))
         return;
     switch (record->kind) {
     case event::StateChange: {

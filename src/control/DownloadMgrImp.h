@@ -61,6 +61,7 @@ private:
     int maxActive_ = 3;
     std::set<Download*> active_;
     std::atomic<bool> restoring_{false};
+    std::atomic<bool> closing_{false}; // being destroyed: events of the downloads change nothing now
     qv::CriticalSection lock_;
     DownloadList downloads_;
 };

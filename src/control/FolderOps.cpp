@@ -176,4 +176,17 @@ bool moveContentsUp(const std::wstring& folder)
     return folderIsEmpty(folder);
 }
 
+bool flushFile(const std::wstring& path)
+{
+    if (path.empty())
+        return false;
+    HANDLE file = CreateFileW(longForm(path).c_str(), GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE,
+                              nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE)
+        return false;
+    const bool flushed = FlushFileBuffers(file) != 0;
+    CloseHandle(file);
+    return flushed;
+}
+
 } // namespace qv

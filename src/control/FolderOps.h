@@ -33,4 +33,7 @@ bool folderIsEmpty(const std::wstring& path);
 // not moved stays where it was.
 bool moveContentsUp(const std::wstring& folder);
 
+// Writes whatever the system still holds of a file to the disk; true when it did.
+bool flushFile(const std::wstring& path);
+
 } // namespace qv

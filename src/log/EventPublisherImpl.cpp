@@ -6,6 +6,9 @@ namespace {
 
 EventPublisherImpl* g_publisher = nullptr;
 
+// The text that publishText is handing out on this thread; subscribers run synchronously inside it.
+thread_local uint64_t t_publishedText = 0;
+
 void destroyPublisher()
 {
     delete g_publisher;
@@ -63,5 +66,11 @@ void publishEvent(Download* source, uint32_t kind, uint64_t value)
 
 void publishText(Download* source, const wchar_t* text, uint32_t kind)
 {
-    publishEvent(source, kind, reinterpret_cast<uint64_t>(text));
+    const uint64_t value = reinterpret_cast<uint64_t>(text);
+    const uint64_t outer = t_publishedText;
+    t_publishedText = value;
+    publishEvent(source, kind, value);
+    t_publishedText = outer;
 }
+
+bool isPublishedText(uint64_t value) { return value != 0 && value == t_publishedText; }

@@ -27,3 +27,5 @@ private:
 void publishEvent(Download* source, uint32_t kind, uint64_t value);
 // Publishes a text line (kind 3 by default); the text must live until the call returns.
 void publishText(Download* source, const wchar_t* text, uint32_t kind = 3);
+// True while publishText is handing this very value to the subscribers on the calling thread.
+bool isPublishedText(uint64_t value);

@@ -11,6 +11,7 @@
 #include "EventPublisher.h"
 #include "QvDLMCodes.h"
 #include "QvDLMFactory.h"
+#include "log/EventPublisherImpl.h"
 #include "Stats.h"
 
 namespace {
@@ -59,8 +60,12 @@ const wchar_t* messageTextOrEmpty(uint32_t id) { return orEmpty(qvdlm::messageTe
 uint32_t messageIdOf(uint64_t value) { return static_cast<uint32_t>(value & 0xFFFF); }
 
 // An event value is either a text pointer or, when bits 16..31 are clear, a message number.
-const wchar_t* valueText(uint64_t value)
+// An error event's value is a number unless it is a text that this library is publishing right now:
+// error numbers (a delivery session's, say) may well have bits 16 to 31 set.
+const wchar_t* valueText(uint32_t kind, uint64_t value)
 {
+    if (kind == qvdlm::event::Error && !isPublishedText(value))
+        return messageTextOrEmpty(messageIdOf(value));
     if (qvdlm::eventValueIsText(value))
         return orEmpty(reinterpret_cast<const wchar_t*>(static_cast<uintptr_t>(value)));
     return messageTextOrEmpty(messageIdOf(value));
@@ -138,7 +143,7 @@ void LogImp::notify(const EventRecord* record)
     const uint32_t sourceId = sourceIdOf(source);
     const Subject subject = subjectOf(source);
     // A state change carries a state code, which must never be read as a text pointer.
-    const wchar_t* text = record->kind == qvdlm::event::StateChange ? L"" : valueText(record->value);
+    const wchar_t* text = record->kind == qvdlm::event::StateChange ? L"" : valueText(record->kind, record->value);
 
     switch (record->kind) {
     case qvdlm::event::Progress:
@@ -224,10 +229,10 @@ void LogImp::writeStateLine(Download* source, uint32_t sourceId, const Subject& 
 void LogImp::writeStatusLine(uint64_t value, uint32_t sourceId, const Subject& subject)
 {
     if (!qvdlm::eventValueIsText(value) && isFailureMessage(messageIdOf(value))) {
-        writeMessageLine(sourceId, subject, kError, L"download error (", valueText(value), L")");
+        writeMessageLine(sourceId, subject, kError, L"download error (", valueText(qvdlm::event::StatusMessage, value), L")");
         return;
     }
-    writeMessageLine(sourceId, subject, kStatus, L"", valueText(value), L"");
+    writeMessageLine(sourceId, subject, kStatus, L"", valueText(qvdlm::event::StatusMessage, value), L"");
 }
 
 void LogImp::writeProgressLines(Download* source, uint32_t sourceId)

@@ -218,10 +218,19 @@ void DownloadRequestLogImp::write(const wchar_t* section, const wchar_t* key, co
     write(section, key, value.c_str());
 }
 
-bool DownloadRequestLogImp::read(const wchar_t* section, const wchar_t* key, wchar_t* buffer, unsigned size)
+bool DownloadRequestLogImp::read(const wchar_t* section, const wchar_t* key, std::wstring& value)
 {
-    GetPrivateProfileStringW(section, key, kAbsent, buffer, size, path_.c_str());
-    return std::wcscmp(buffer, kAbsent) != 0;
+    // A value that fills the buffer may have been cut (the call then answers size - 1): read it again
+    // into one twice as large.
+    for (unsigned size = kValueBufferSize;; size *= 2) {
+        value.assign(size, L'\0');
+        const DWORD length = GetPrivateProfileStringW(section, key, kAbsent, value.data(), size, path_.c_str());
+        if (length + 1 < size || size >= kValueLimit) {
+            value.resize(length < size ? length : size - 1);
+            break;
+        }
+    }
+    return value != kAbsent;
 }
 
 bool DownloadRequestLogImp::add(DownloadRequest* request)
@@ -334,9 +343,14 @@ bool DownloadRequestLogImp::load(const wchar_t* section, DownloadRequest* reques
 
 bool DownloadRequestLogImp::loadBody(const wchar_t* s, DownloadRequest* request)
 {
-    wchar_t value[kValueBufferSize];
-    auto required = [&](const wchar_t* key) { return read(s, key, value, kValueBufferSize) && value[0] != L'\0'; };
-    auto optional = [&](const wchar_t* key) { return read(s, key, value, kValueBufferSize); };
+    std::wstring text;
+    const wchar_t* value = L"";
+    auto optional = [&](const wchar_t* key) {
+        const bool present = read(s, key, text);
+        value = text.c_str();
+        return present;
+    };
+    auto required = [&](const wchar_t* key) { return optional(key) && value[0] != L'\0'; };
 
     if (!required(L"VERSION"))
         return false;
@@ -374,7 +388,8 @@ bool DownloadRequestLogImp::loadBody(const wchar_t* s, DownloadRequest* request)
 
     // A count outside what block names can express is damage: the count of stored URLs stands instead,
     // and no buffer is sized by it.
-    GetPrivateProfileStringW(s, L"BLOCK_COUNT", L"1", value, kValueBufferSize, path_.c_str());
+    if (!optional(L"BLOCK_COUNT"))
+        value = L"1";
     int32_t blocks = 0;
     if (parseI32(value, blocks) && blocks >= 1 && blocks <= kMaxStoredBlocks) {
         request->setBlockCount(blocks);
@@ -384,16 +399,14 @@ bool DownloadRequestLogImp::loadBody(const wchar_t* s, DownloadRequest* request)
     }
 
     {
-        const unsigned size = static_cast<unsigned>(blocks) * kTokenCharsPerBlock;
-        qv::HeapBlock buffer(size * sizeof(wchar_t));
-        wchar_t* tokens = buffer.as<wchar_t>();
-        if (tokens && read(s, L"TOKENS", tokens, size) && tokens[0] != L'\0') {
+        std::wstring buffer;
+        if (read(s, L"TOKENS", buffer) && !buffer.empty()) {
             request->clearTokens();
-            wchar_t* piece = tokens;
+            wchar_t* piece = buffer.data();
             for (int32_t i = 0; i < blocks && *piece; ++i) {
                 wchar_t* comma = std::wcschr(piece, L',');
                 if (!comma) {
-                    request->addToken(piece); // cut by the buffer
+                    request->addToken(piece); // a last token without its comma
                     break;
                 }
                 *comma = L'\0';
@@ -403,12 +416,10 @@ bool DownloadRequestLogImp::loadBody(const wchar_t* s, DownloadRequest* request)
         }
     }
     {
-        const unsigned size = static_cast<unsigned>(blocks) * kQueryCharsPerBlock;
-        qv::HeapBlock buffer(size * sizeof(wchar_t));
-        wchar_t* queries = buffer.as<wchar_t>();
-        if (queries && read(s, L"QUERIES", queries, size)) {
+        std::wstring buffer;
+        if (read(s, L"QUERIES", buffer)) {
             request->clearQueries();
-            wchar_t* piece = queries;
+            wchar_t* piece = buffer.data();
             while (*piece) {
                 wchar_t* comma = std::wcschr(piece, L',');
                 if (comma)

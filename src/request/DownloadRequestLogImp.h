@@ -11,11 +11,9 @@
 
 class DownloadRequestLogImp final : public DownloadRequestLog {
 public:
-    // Characters read for one value.
+    // Characters read for one value at first; the buffer doubles until the value fits, up to the limit.
     static constexpr unsigned kValueBufferSize = 4096;
-    // Characters per block read for TOKENS and QUERIES.
-    static constexpr unsigned kTokenCharsPerBlock = 64;
-    static constexpr unsigned kQueryCharsPerBlock = 1024;
+    static constexpr unsigned kValueLimit = 1u << 24;
     // Block numbers in names have three digits; a stored BLOCK_COUNT outside 1..999 is damage.
     static constexpr int32_t kMaxStoredBlocks = 999;
     // Characters of the section-name list at first, and at most.
@@ -46,7 +44,8 @@ private:
     void write(const wchar_t* section, const wchar_t* key, const wchar_t* value);
     void write(const wchar_t* section, const wchar_t* key, const std::wstring& value);
     void writeStoredState(DownloadRequest* request, uint32_t state);
-    bool read(const wchar_t* section, const wchar_t* key, wchar_t* buffer, unsigned size);
+    // Reads a whole value (false when the key is absent).
+    bool read(const wchar_t* section, const wchar_t* key, std::wstring& value);
     bool loadBody(const wchar_t* section, DownloadRequest* request);
 
     std::wstring path_;

@@ -39,6 +39,9 @@ constexpr UInt32 kLzmaStateCount = 12;    // states of the LZMA symbol decoder
 constexpr Byte kLzmaPbMax = 4;
 constexpr uintptr_t kProbsTableOffset = 1664; // the SDK's second table pointer, in entries past the first
 constexpr uint32_t kLastPropertyByte = 40;
+// The largest dictionary that a package may ask for: 1.5 GiB (property byte 37), as xz allows. The
+// property byte alone decides an allocation of up to 4 GiB, so a larger one is refused before it is made.
+constexpr uint64_t kMaxDictionaryBytes = 3ull << 29;
 
 uint64_t dictionaryForProperty(uint32_t p)
 {
@@ -80,7 +83,9 @@ int64_t LZMA2StreamWriterImp::writeBytes(const uint8_t* data, uint32_t count)
     }
     if (!initialised_ && count != 0) {
         propertyByte_ = data[0];
-        SRes result = Lzma2Dec_Allocate(&decoder_, propertyByte_, &kHeapAllocator);
+        SRes result = SZ_ERROR_UNSUPPORTED;
+        if (propertyByte_ <= kLastPropertyByte && dictionaryForProperty(propertyByte_) <= kMaxDictionaryBytes)
+            result = Lzma2Dec_Allocate(&decoder_, propertyByte_, &kHeapAllocator);
         if (result == SZ_OK)
             Lzma2Dec_Init(&decoder_);
         lastStatus_ = static_cast<uint32_t>(result);
@@ -225,7 +230,7 @@ bool LZMA2StreamWriterImp::restoreState(const StreamStateHeader* record)
     uint32_t property = 0;
     while (property < kLastPropertyByte && dictionaryForProperty(property) != saved.decoder.prop.dicSize)
         ++property;
-    if (dictionaryForProperty(property) != saved.decoder.prop.dicSize)
+    if (dictionaryForProperty(property) != saved.decoder.prop.dicSize || saved.decoder.dicBufSize > kMaxDictionaryBytes)
         return false;
 
     const size_t probBytes = size_t(saved.decoder.numProbs) * sizeof(CLzmaProb);

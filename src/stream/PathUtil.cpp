@@ -99,6 +99,7 @@ unsigned char __stdcall copyInsteadOfLink(const wchar_t* linkPath, const wchar_t
 }
 
 std::atomic<SymbolicLinkOperation> g_symbolicLink{nullptr};
+std::atomic<bool> g_symbolicLinkIsSystems{false}; // the operation is the system's own (or its copy stand-in)
 
 SymbolicLinkOperation chooseSymbolicLinkOperation()
 {
@@ -259,24 +260,67 @@ bool linkOrCopy(const std::wstring& newPath, const std::wstring& existingPath)
     return CopyFileW(existingPath.c_str(), newPath.c_str(), FALSE) != FALSE;
 }
 
-void selectSymbolicLinkOperation() { g_symbolicLink.store(chooseSymbolicLinkOperation()); }
-
-void setSymbolicLinkOperation(SymbolicLinkOperation operation) { g_symbolicLink.store(operation); }
-
-bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath)
+void selectSymbolicLinkOperation()
 {
+    g_symbolicLink.store(chooseSymbolicLinkOperation());
+    g_symbolicLinkIsSystems.store(true);
+}
+
+void setSymbolicLinkOperation(SymbolicLinkOperation operation)
+{
+    g_symbolicLink.store(operation);
+    g_symbolicLinkIsSystems.store(false);
+}
+
+bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath, bool directory)
+{
+    constexpr unsigned long kFolderLink = 0x1;        // SYMBOLIC_LINK_FLAG_DIRECTORY
+    constexpr unsigned long kUnprivileged = 0x2;      // SYMBOLIC_LINK_FLAG_ALLOW_UNPRIVILEGED_CREATE
     SymbolicLinkOperation operation = g_symbolicLink.load();
     if (!operation) {
-        operation = chooseSymbolicLinkOperation();
-        g_symbolicLink.store(operation);
+        selectSymbolicLinkOperation();
+        operation = g_symbolicLink.load();
     }
-    if (operation(linkPath.c_str(), targetPath.c_str(), 0))
+    const unsigned long flags = directory ? kFolderLink : 0;
+    bool made = operation(linkPath.c_str(), targetPath.c_str(), flags | kUnprivileged) != 0;
+    if (!made && GetLastError() == ERROR_INVALID_PARAMETER) // a system older than that request
+        made = operation(linkPath.c_str(), targetPath.c_str(), flags) != 0;
+    // Some systems report a link made that is not there (Wine, for one): only one that stands counts.
+    if (made && g_symbolicLinkIsSystems.load() && GetFileAttributesW(linkPath.c_str()) == INVALID_FILE_ATTRIBUTES) {
+        SetLastError(ERROR_PRIVILEGE_NOT_HELD);
+        made = false;
+    }
+    if (made)
         return true;
     if (GetLastError() == kErrorAlreadyExists) {
         SetLastError(0);
         return true;
     }
     return false;
+}
+
+bool copyTree(const std::wstring& from, const std::wstring& to)
+{
+    const DWORD attributes = GetFileAttributesW(from.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return false;
+    if ((attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+        return CopyFileW(from.c_str(), to.c_str(), FALSE) != FALSE;
+    if (!CreateDirectoryW(to.c_str(), nullptr) && GetLastError() != kErrorAlreadyExists)
+        return false;
+    WIN32_FIND_DATAW data;
+    HANDLE find = FindFirstFileW((from + L"\\*").c_str(), &data);
+    if (find == INVALID_HANDLE_VALUE)
+        return true;
+    bool ok = true;
+    do {
+        const std::wstring name = data.cFileName;
+        if (name == L"." || name == L".." || (data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT))
+            continue; // a link inside is not followed out of the tree
+        ok = copyTree(from + L"\\" + name, to + L"\\" + name) && ok;
+    } while (FindNextFileW(find, &data));
+    FindClose(find);
+    return ok;
 }
 
 bool utf8ToWide(const char* text, size_t length, wchar_t* out, size_t capacity)

@@ -63,8 +63,13 @@ void selectSymbolicLinkOperation();
 // Replaces the operation (tests, and systems where links must not be made).
 void setSymbolicLinkOperation(SymbolicLinkOperation operation);
 
-// Symbolic link through the chosen operation; an existing link counts as done.
-bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath);
+// Symbolic link through the chosen operation; an existing link counts as done. Asks for a link that
+// needs no privilege (and a folder link when directory), and for a plain one where the system does not
+// know that request.
+bool symbolicLink(const std::wstring& linkPath, const std::wstring& targetPath, bool directory = false);
+
+// Copies a file, or a folder with everything in it, to path (which must not exist as a folder yet).
+bool copyTree(const std::wstring& from, const std::wstring& to);
 
 // Converts length bytes of UTF-8 into out (zero-terminated); true only when all of it fits.
 // On failure out holds an empty string.

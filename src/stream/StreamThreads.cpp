@@ -11,7 +11,7 @@
 #include "log/EventPublisherImpl.h"
 #include "stream/HTTPStreamImp.h"
 #include "stream/StreamLink.h"
-#include "stream/HTTPStreamImp.h"
+#include "stream/TARStreamWriterImp.h"
 
 namespace {
 
@@ -453,6 +453,8 @@ uint32_t __stdcall writerStreamThread(void* parameter)
     LinkConsumer in(data->links[0]);
 
     publishMessage(download, event::Information, msg::UnpackageStarted);
+    if (auto* unpacker = dynamic_cast<TARStreamWriterImp*>(sink))
+        unpacker->setEventSource(download);
     if (!target->prepare(sink, true)) {
         sink->setLastStatus(kStageNotPrepared);
         publishMessage(download, event::StatusMessage, msg::RestoreFailed);

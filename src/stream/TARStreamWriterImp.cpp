@@ -1,5 +1,8 @@
 #include "stream/TARStreamWriterImp.h"
 
+#include "QvDLMCodes.h"
+#include "log/EventPublisherImpl.h"
+
 #include <io.h>
 #include <share.h>
 
@@ -552,9 +555,18 @@ bool TARStreamWriterImp::makeSymbolicLink()
         return fail(tarerror::SymbolicLink);
     // Kept relative, so that the link still holds once the tree has moved to its final folder.
     std::replace(text.begin(), text.end(), L'/', L'\\');
+    std::wstring existing = unpack_.folder() + L'\\' + target;
+    const bool haveTarget = qv::toLongPath(existing) && GetFileAttributesW(existing.c_str()) != INVALID_FILE_ATTRIBUTES;
+    const bool folderTarget = haveTarget && (GetFileAttributesW(existing.c_str()) & FILE_ATTRIBUTE_DIRECTORY) != 0;
     linksMade_ = true;
-    if (!qv::symbolicLink(path, text))
-        return fail(tarerror::SymbolicLink);
+    if (qv::symbolicLink(path, text, folderTarget))
+        return true;
+    // Where the system refuses the link, a copy of its target (inside the destination, checked above)
+    // stands in for it; a link never fails the package.
+    const bool copied = haveTarget && qv::copyTree(existing, path);
+    std::wstring line = L"Symbolic link " + relative + L" -> " + text + L" could not be made";
+    line += copied ? L"; a copy of its target stands in its place" : L"; it is left out";
+    publishText(eventSource_, line.c_str(), qvdlm::event::Information);
     return true;
 }
 

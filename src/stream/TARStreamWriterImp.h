@@ -22,6 +22,8 @@ public:
     int64_t writeBytes(const uint8_t* data, uint32_t count) override;
     // The stream has ended: true when it ended at an entry boundary of a tar archive.
     bool endOfInput() override;
+    // The download whose events tell what the unpacker did in place of a link it could not make.
+    void setEventSource(Download* download) { eventSource_ = download; }
 
 private:
     // What the next block of the stream is.
@@ -92,4 +94,5 @@ private:
     bool sawArchive_ = false;  // a header or end-of-archive block was recognised
     bool sawEndMarker_ = false; // an end-of-archive block was met
     bool linksMade_ = false;   // a symbolic link was made: later paths are checked for links
+    Download* eventSource_ = nullptr;
 };
