@@ -9,7 +9,7 @@ Usage: make_inputs.py <work folder> <www folder>
   linked/<case>/ holding dest/s, a link out of dest, and archive.tar, with linked.manifest.
 <www>: pipeline-<kind>.tar.lzma2, gnu.tar as raw LZMA2 from xz behind its dictionary property byte:
   whole (1 MiB and 8 MiB dictionaries), in two blocks, cut short, with a bad property byte, and
-  packages of a tar cut inside an entry and of the first hostile archive.
+  packages of a tar cut inside an entry and of the first hostile archive; pipeline-gnu.sfx.exe.
 """
 import io, os, random, shutil, subprocess, sys, tarfile
 
@@ -167,6 +167,9 @@ def main():
                        ("cuttar", lzma2(tar[:tar.find(b"big.bin") + 512 + 4096], 1 << 20)),
                        ("hostile", lzma2(open(os.path.join(out, "hostile", "00.tar"), "rb").read(), 1 << 16))]:
         put(os.path.join(www, "pipeline-%s.tar.lzma2" % name), data)
+    header = tarfile.TarInfo("payload.tar.lzma2")  # a self-extracting package: stub, one header, package
+    header.size = len(packed)
+    put(os.path.join(www, "pipeline-gnu.sfx.exe"), pattern(3001, 9) + header.tobuf(tarfile.USTAR_FORMAT) + packed)
     return 0
 
 
