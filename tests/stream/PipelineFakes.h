@@ -1,6 +1,6 @@
 // The pipeline's one test double: a job whose state the test sets and that records what the stage
-// threads tell it, around real stages. The source's services are the library's own, except that
-// retry waits are counted instead of slept.
+// threads tell it, around real stages. The source's services are the library's own, except that retry
+// waits are counted instead of slept. The test thread stands in for the job's control thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,6 +23,7 @@
 
 namespace fakes {
 
+// What the threads told the job is read after they have ended.
 class FakeJob final : public PipelineJob {
 public:
     explicit FakeJob(FakeRequest& request) : request_(request) {}
@@ -30,7 +31,7 @@ public:
     std::atomic<uint32_t> state{qvdlm::state::Play}, gate{1}, controlThread{0};
     std::atomic<int64_t> bytes{0};
     std::atomic<uint64_t> total{0};
-    std::atomic<int> fallbacks{0};
+    std::atomic<int> fallbacks{0}, pauses{0};
     std::wstring failRestoreOf;           // the stage whose restore fails
     Stream* sink = nullptr;               // the job's current sink after a block change
     std::deque<uint32_t> validationCodes; // answered in turn; 0 once empty
@@ -40,20 +41,20 @@ public:
         uint32_t sequence;
         bool fromReader, fromWriter;
     };
-    std::vector<Checkpoint> checkpoints() { return locked(checkpoints_); }
-    std::vector<uint32_t> statuses() { return locked(statuses_); }
-    std::vector<std::wstring> restored() { return locked(restored_); }
+    std::vector<Checkpoint> checkpoints;
+    std::vector<uint32_t> statuses;
+    std::vector<std::wstring> restored;
 
     bool stopRequested() override { return stop; }
     uint32_t status() override { return state; }
-    void setJobStatus(uint32_t code) override { remember(statuses_, code); }
+    void setJobStatus(uint32_t code) override { remember(statuses, code); }
     DownloadRequest* request() override { return &request_; }
     Download* download() override { return nullptr; }
     void checkpoint(const wchar_t* stage, uint32_t sequence, Stream*, bool fromReader, bool fromWriter) override
     {
-        remember(checkpoints_, Checkpoint{stage, sequence, fromReader, fromWriter});
+        remember(checkpoints, Checkpoint{stage, sequence, fromReader, fromWriter});
     }
-    bool restoreStage(const wchar_t* stage, Stream*) override { return remember(restored_, stage), failRestoreOf != stage; }
+    bool restoreStage(const wchar_t* stage, Stream*) override { return remember(restored, stage), failRestoreOf != stage; }
     void addBytes(int64_t n) override { bytes += n; }
     uint32_t controlThreadId() override { return controlThread; }
     uint32_t startGate() override { return gate; }
@@ -83,20 +84,10 @@ private:
         std::lock_guard<std::mutex> hold(mutex_);
         list.push_back(value);
     }
-    template <typename T>
-    std::vector<T> locked(const std::vector<T>& list)
-    {
-        std::lock_guard<std::mutex> hold(mutex_);
-        return list;
-    }
     FakeRequest& request_;
     std::mutex mutex_;
-    std::vector<uint32_t> statuses_;
-    std::vector<Checkpoint> checkpoints_;
-    std::vector<std::wstring> restored_;
 };
 
-// The library's HTTP services, with the retry waits counted instead of slept. Read after the run.
 class CountingServices final : public ReaderServices {
 public:
     std::atomic<int> sleeps{0}, reconnects{0};
@@ -120,39 +111,31 @@ private:
 constexpr uint32_t kTimedOut = 0xFFFFFFFF;
 
 // Runs a body on its own thread; joins within a bound.
-class StageThread {
-public:
-    explicit StageThread(std::function<uint32_t()> body) : body_(std::move(body))
-    {
-        handle_ = CreateThread(nullptr, 0, &StageThread::entry, this, 0, &id_);
-    }
+struct StageThread {
+    explicit StageThread(std::function<uint32_t()> f) : body(std::move(f)), handle(CreateThread(nullptr, 0, entry, this, 0, &id)) {}
+    StageThread(const StageThread&) = delete;
+    std::function<uint32_t()> body;
+    DWORD id = 0;
+    HANDLE handle;
+    static DWORD WINAPI entry(void* self) { return static_cast<StageThread*>(self)->body(); }
     ~StageThread()
     {
         if (join() == kTimedOut && (ADD_FAILURE() << "thread did not end", post(qvdlm::command::StopKeep)))
-            WaitForSingleObject(handle_, 5000);
-        CloseHandle(handle_);
+            WaitForSingleObject(handle, 5000);
+        CloseHandle(handle);
     }
     uint32_t join(DWORD ms = 60000)
     {
         DWORD code = kTimedOut;
-        if (WaitForSingleObject(handle_, ms) == WAIT_OBJECT_0)
-            GetExitCodeThread(handle_, &code);
-        return code;
+        return WaitForSingleObject(handle, ms) == WAIT_OBJECT_0 && GetExitCodeThread(handle, &code) ? code : kTimedOut;
     }
     bool post(UINT message) // fails until the thread made its queue
     {
         for (int i = 0; i < 2000; ++i, Sleep(1))
-            if (PostThreadMessageW(id_, message, 0, 0))
+            if (PostThreadMessageW(id, message, 0, 0))
                 return true;
         return false;
     }
-    DWORD id() const { return id_; }
-
-private:
-    static DWORD WINAPI entry(void* self) { return static_cast<StageThread*>(self)->body_(); }
-    std::function<uint32_t()> body_;
-    HANDLE handle_ = nullptr;
-    DWORD id_ = 0;
 };
 
 // Stages around a fake job, linked as the job links them.
@@ -166,8 +149,8 @@ struct Rig {
     Rig(const std::vector<std::wstring>& urls, const std::vector<int64_t>& lengths)
     {
         request.setBlocks(urls);
-        job.blockLengths = lengths;
         request.setContentLength(lengths.at(0));
+        job.blockLengths = lengths;
     }
     void add(Stream* stage, const wchar_t* name)
     {
@@ -177,17 +160,27 @@ struct Rig {
         wcsncpy_s(spec.stageName, kStageNameLength, name, _TRUNCATE);
         EXPECT_TRUE(targets.back()->configure(stage, &spec) && targets.back()->createBuffers());
     }
-    // Runs every stage on its thread; the exit codes, source first. release: destroy the stages.
+    // Runs every stage on its thread, turning a posted pause into the paused state; the exit codes,
+    // source first. release: destroy the stages (their files are then complete).
     std::vector<uint32_t> run(bool release = true)
     {
+        MSG m;
+        PeekMessageW(&m, nullptr, 0, 0, PM_NOREMOVE);
+        job.controlThread = GetCurrentThreadId();
         std::vector<std::unique_ptr<StageThread>> threads;
-        threads.push_back(std::make_unique<StageThread>([this] { return runReaderStream(targets[0].get(), services); }));
-        if (targets.size() == 3)
-            threads.push_back(std::make_unique<StageThread>([this] { return readerWriterStreamThread(targets[1].get()); }));
-        threads.push_back(std::make_unique<StageThread>([this] { return writerStreamThread(targets.back().get()); }));
+        for (size_t i = 0; i < targets.size(); ++i)
+            threads.push_back(std::make_unique<StageThread>([this, i] {
+                Target* t = targets[i].get();
+                return i == 0 ? runReaderStream(t, services) : i + 1 < targets.size() ? readerWriterStreamThread(t) : writerStreamThread(t);
+            }));
         std::vector<uint32_t> codes;
-        for (auto& t : threads)
-            codes.push_back(t->join());
+        for (auto& t : threads) {
+            while (MsgWaitForMultipleObjects(1, &t->handle, FALSE, 60000, QS_POSTMESSAGE) == WAIT_OBJECT_0 + 1)
+                while (PeekMessageW(&m, nullptr, 0, 0, PM_REMOVE))
+                    if (m.message == qvdlm::command::Pause && ++job.pauses)
+                        job.state = qvdlm::state::Paused;
+            codes.push_back(t->join(0));
+        }
         threads.clear();
         if (release)
             targets.clear();
@@ -200,31 +193,6 @@ struct Rig {
                 job.state = qvdlm::state::Aborting, job.stop = true;
         };
     }
-};
-
-// Stands in for a download's control thread: turns a posted pause into the paused state.
-class FakeControlThread {
-public:
-    explicit FakeControlThread(FakeJob& job) : thread_([this, &job] {
-        MSG m;
-        PeekMessageW(&m, nullptr, 0, 0, PM_NOREMOVE);
-        ready_ = true;
-        while (GetMessageW(&m, nullptr, 0, 0) > 0)
-            if (m.message == qvdlm::command::Pause && ++pauses)
-                job.state = qvdlm::state::Paused;
-        return 0u;
-    })
-    {
-        for (int i = 0; i < 5000 && !ready_; ++i)
-            Sleep(1);
-        job.controlThread = thread_.id();
-    }
-    ~FakeControlThread() { thread_.post(WM_QUIT); }
-    std::atomic<int> pauses{0};
-
-private:
-    std::atomic<bool> ready_{false};
-    StageThread thread_;
 };
 
 struct ScopedEnv { // an environment variable for one scope

@@ -139,11 +139,11 @@ TEST(Pipeline, PlainFileArrivesWholeAndBothEndsCheckpointEverySlot)
     EXPECT_TRUE(p.file() == qvtest::patternBytes(qvtest::kPattern2Size, 2));
     EXPECT_EQ(static_cast<int64_t>(qvtest::kPattern2Size), p.job.bytes.load());
     EXPECT_EQ(qvtest::kPattern2Size, p.job.total.load());
-    auto restored = p.job.restored();
+    auto restored = p.job.restored;
     std::sort(restored.begin(), restored.end());
     EXPECT_EQ(std::vector<std::wstring>({L"File", L"Http"}), restored);
     std::vector<uint32_t> source, sink;
-    for (const auto& c : p.job.checkpoints()) {
+    for (const auto& c : p.job.checkpoints) {
         EXPECT_EQ(c.stage == L"Http", c.fromReader && !c.fromWriter);
         EXPECT_EQ(c.stage == L"File", !c.fromReader && c.fromWriter);
         (c.stage == L"Http" ? source : sink).push_back(c.sequence);
@@ -202,7 +202,7 @@ TEST(Pipeline, PackagesExtractOrFailCleanly)
         EXPECT_TRUE(codes[1] != fakes::kTimedOut && codes[2] != fakes::kTimedOut);
         EXPECT_EQ(row.error ? 1 : 0, p.count(event::Error, row.error));
         EXPECT_EQ(row.error ? 0 : 1, p.count(event::Information, msg::UnpackageCompleted));
-        const auto statuses = p.job.statuses();
+        const auto statuses = p.job.statuses;
         EXPECT_EQ(row.error == msg::DecompressFailed, std::count(statuses.begin(), statuses.end(), qvdlm::status::GeneralError) == 1);
         const auto calls = p.links->calls();
         p.targets.clear(); // closes the sink's file
@@ -229,12 +229,11 @@ TEST(Pipeline, RetryCycleWaitsLongerEachTimeThenPausesTheJob)
     Pipeline p({kClosedUrl}, false);
     p.job.state = state::Init; // not running: the waits apply
     p.request.setAuxRetryCount(0);
-    fakes::FakeControlThread control(p.job);
     p.abortOnError();
     const auto codes = p.run();
     EXPECT_EQ(state::Aborting, codes[0]);
     EXPECT_NE(fakes::kTimedOut, codes[1]);
-    EXPECT_EQ(1, control.pauses.load());
+    EXPECT_EQ(1, p.job.pauses.load());
     // Six attempts (the limit of 5 and one more) after waits of 0, 10, 30, 70, 150 seconds.
     EXPECT_EQ(std::vector<uint32_t>({10000, 10000, 30000, 60000, 60000, 60000}), p.services.timeouts);
     EXPECT_EQ(310, p.services.sleeps.load());
@@ -254,14 +253,13 @@ TEST(Pipeline, MockFailureNeverLeavesTheCycleThroughSuccessAndFallsBackToHttp)
     p.request.setFallbackRetryCount(1);
     p.request.setAuxRetryCount(0);
     p.request.setUseAkamai(true);
-    fakes::FakeControlThread control(p.job);
     p.abortOnError();
     EXPECT_EQ(state::Aborting, p.run()[0]);
     // Every reconnect succeeded, yet the read was never repeated.
     EXPECT_EQ(4, p.services.reconnects.load());
     EXPECT_EQ(4, p.count(event::StatusMessage, msg::NetworkConnected));
     EXPECT_TRUE(p.events.hasText(L"readerStreamThread retry succeeded: 1") && p.events.hasText(L"retry succeeded: 3"));
-    EXPECT_EQ(1, control.pauses.load());
+    EXPECT_EQ(1, p.job.pauses.load());
     // The fallback replaced the source, resuming at the old one's position.
     EXPECT_EQ(1, p.job.fallbacks.load());
     EXPECT_EQ(std::vector<int64_t>({20000}), p.services.createdPositions);
