@@ -50,10 +50,7 @@ public:
     void setJobStatus(uint32_t code) override { remember(statuses, code); }
     DownloadRequest* request() override { return &request_; }
     Download* download() override { return nullptr; }
-    void checkpoint(const wchar_t* stage, uint32_t sequence, Stream*, bool fromReader, bool fromWriter) override
-    {
-        remember(checkpoints, Checkpoint{stage, sequence, fromReader, fromWriter});
-    }
+    void checkpoint(const wchar_t* stage, uint32_t n, Stream*, bool r, bool w) override { remember(checkpoints, Checkpoint{stage, n, r, w}); }
     bool restoreStage(const wchar_t* stage, Stream*) override { return remember(restored, stage), failRestoreOf != stage; }
     void addBytes(int64_t n) override { bytes += n; }
     uint32_t controlThreadId() override { return controlThread; }
@@ -62,15 +59,11 @@ public:
     Stream* currentSink() override { return sink; }
     void setBlockDownloadedSize(uint64_t size) override { request_.setBlockDownloadedSize(size); }
     void addTotalDownloadedSize(int64_t delta) override { total += static_cast<uint64_t>(delta); }
-    uint32_t validateUrl() override
+    uint32_t validateUrl() override // only the source thread validates
     {
-        std::lock_guard<std::mutex> hold(mutex_);
-        if (static_cast<size_t>(request_.getBlockId()) < blockLengths.size())
-            request_.setContentLength(blockLengths[static_cast<size_t>(request_.getBlockId())]);
+        request_.setContentLength(blockLengths.at(static_cast<size_t>(request_.getBlockId())));
         const uint32_t code = validationCodes.empty() ? 0 : validationCodes.front();
-        if (!validationCodes.empty())
-            validationCodes.pop_front();
-        return code;
+        return validationCodes.empty() ? 0 : (validationCodes.pop_front(), code);
     }
     bool acceptValidation(uint32_t result) override { return result != qvdlm::validation::ProxyAuthRequired; }
     const wchar_t* sourceUrl() override { return request_.getUrl(false); }
@@ -79,11 +72,7 @@ public:
 
 private:
     template <typename T, typename V>
-    void remember(std::vector<T>& list, V value)
-    {
-        std::lock_guard<std::mutex> hold(mutex_);
-        list.push_back(value);
-    }
+    void remember(std::vector<T>& list, V value) { std::lock_guard<std::mutex> hold(mutex_); list.push_back(value); }
     FakeRequest& request_;
     std::mutex mutex_;
 };
@@ -94,9 +83,9 @@ public:
     std::vector<uint32_t> timeouts;
     std::vector<int64_t> createdPositions;
 
-    StreamReader* createSource(const wchar_t* url, uint32_t dataStart, int64_t position) override
+    StreamReader* createSource(const wchar_t* url, uint32_t start, int64_t at) override
     {
-        return createdPositions.push_back(position), real().createSource(url, dataStart, position);
+        return createdPositions.push_back(at), real().createSource(url, start, at);
     }
     bool reconnect(Stream* source) override { return ++reconnects, real().reconnect(source); }
     void setTimeouts(Stream* source, uint32_t ms) override { timeouts.push_back(ms), real().setTimeouts(source, ms); }
@@ -124,11 +113,7 @@ struct StageThread {
             WaitForSingleObject(handle, 5000);
         CloseHandle(handle);
     }
-    uint32_t join(DWORD ms = 60000)
-    {
-        DWORD code = kTimedOut;
-        return WaitForSingleObject(handle, ms) == WAIT_OBJECT_0 && GetExitCodeThread(handle, &code) ? code : kTimedOut;
-    }
+    uint32_t join(DWORD ms = 60000) { DWORD c = kTimedOut; return WaitForSingleObject(handle, ms) || !GetExitCodeThread(handle, &c) ? kTimedOut : c; }
     bool post(UINT message) // fails until the thread made its queue
     {
         for (int i = 0; i < 2000; ++i, Sleep(1))
