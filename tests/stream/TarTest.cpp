@@ -8,7 +8,6 @@
 #include "QvDLMCodes.h"
 #include "TarTestSupport.h"
 #include "stream/TARStreamWriterImp.h"
-#include "stream/TarHeaderBlock.h"
 #include "support/TestSupport.h"
 
 using tartest::TarBuilder;
@@ -143,13 +142,6 @@ TEST(TarSink, BuiltArchivesExtractOrFailWithTheirCode)
                 EXPECT_FALSE(qvtest::fileExists(escaped)) << qvtest::narrow(escaped);
         }
     }
-}
-
-TEST(TarSink, HeaderNumbersAreReadAsWritersWriteThem) // '8' and '9' at face value, other characters as 0
-{
-    for (const auto& [field, value] : {std::pair<std::string, int64_t>{"00000001750", 01750}, {"00000000019", 1 * 8 + 9},
-                                       {"        17 ", 017 * 8}, {"0000000001x", 8}, {std::string(12, '\xFF'), -1}})
-        EXPECT_EQ(value, qv::tar::headerNumber(reinterpret_cast<const uint8_t*>((field + std::string(12, '\0')).data()))) << field;
 }
 
 TEST(TarSink, GnuAndUstarArchivesExtractByteIdenticalInAnyChunking)

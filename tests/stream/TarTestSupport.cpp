@@ -18,14 +18,11 @@ namespace {
 std::wstring longForm(const std::wstring& path)
 {
     std::wstring full(32768, L'\0');
-    if (path.rfind(L"\\\\?\\", 0) == 0)
-        return path;
-    const DWORD n = GetFullPathNameW(path.c_str(), 32768, full.data(), nullptr);
+    const DWORD n = path.rfind(L"\\\\?\\", 0) == 0 ? 0 : GetFullPathNameW(path.c_str(), 32768, full.data(), nullptr);
     return n == 0 || n >= 32768 ? path : L"\\\\?\\" + full.substr(0, n);
 }
 
-// width - 1 octal digits and a terminator, as GNU tar writes them.
-void putOctal(std::string& block, size_t offset, size_t width, uint64_t value)
+void putOctal(std::string& block, size_t offset, size_t width, uint64_t value) // width - 1 digits, as GNU tar writes
 {
     for (size_t i = width - 1; i-- > 0; value >>= 3)
         block[offset + i] = static_cast<char>('0' + (value & 7));
@@ -92,22 +89,18 @@ TarBuilder& TarBuilder::longText(char type, const std::string& text)
 
 TarBuilder& TarBuilder::entry(const Header& header, const std::string& data)
 {
-    data_ += headerBlock(header) + data + std::string((512 - data.size() % 512) % 512, '\0');
-    return *this;
+    return data_ += headerBlock(header) + data + std::string((512 - data.size() % 512) % 512, '\0'), *this;
 }
 
 TarBuilder& TarBuilder::file(const std::string& name, const std::string& data, uint32_t mode, int64_t mtime)
 {
-    if (name.size() > 100)
-        longText('L', name);
-    return entry({name.substr(0, 100), '0', data.size(), mode, mtime}, data);
+    return (name.size() > 100 ? longText('L', name) : *this).entry({name.substr(0, 100), '0', data.size(), mode, mtime}, data);
 }
 
 TarBuilder& TarBuilder::link(const std::string& name, char type, const std::string& target)
 {
-    if (target.size() > 100)
-        longText('K', target);
-    return entry({name, type, 0, type == '2' ? 0777u : 0644u, kTime, target.substr(0, 100)});
+    return (target.size() > 100 ? longText('K', target) : *this)
+        .entry({name, type, 0, type == '2' ? 0777u : 0644u, kTime, target.substr(0, 100)});
 }
 
 bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size_t from, size_t to)

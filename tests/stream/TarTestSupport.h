@@ -18,13 +18,12 @@ constexpr int64_t kTime = 1600000000;
 
 struct Header {
     Header(std::string n = {}, char t = '0', uint64_t s = 0, uint32_t m = 0644, int64_t time = kTime, std::string l = {})
-        : name(std::move(n)), type(t), size(s), mode(m), mtime(time), link(std::move(l)) {}
-    std::string name;
+        : name(std::move(n)), link(std::move(l)), type(t), size(s), mode(m), mtime(time) {}
+    std::string name, link;
     char type;
     uint64_t size;
     uint32_t mode;
     int64_t mtime;
-    std::string link;
 };
 
 // One 512-byte header block with GNU magic and its checksum.
@@ -52,10 +51,9 @@ bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size
           size_t to = std::string::npos);
 
 struct TreeEntry {
-    bool folder = false;
+    bool folder = false, readOnly = false;
     std::string content;
     int64_t mtime = 0; // seconds since 1970
-    bool readOnly = false;
 };
 
 // Everything below root by "/"-separated UTF-8 relative path (paths of any length).

@@ -1,15 +1,8 @@
 #!/usr/bin/env python3
-"""Makes what the stream tests read, with GNU tar, Python's tarfile and xz.
-
-Usage: make_inputs.py <work folder> <www folder>
-
-<work>/tar-archives: gnu.tar and ustar.tar of gnu-tree/ and ustar-tree/, with the trees' symbolic links
-  in <format>.links (<path> <target>, tab-separated);
-  linked/<case>/ holding dest/s, a link out of dest, and archive.tar, with linked.manifest.
-<www>: pipeline-<kind>.tar.lzma2, gnu.tar as raw LZMA2 from xz behind its dictionary property byte:
-  whole (1 MiB and 8 MiB dictionaries), in two blocks, cut short, with a bad property byte, and
-  packages of a tar cut inside an entry and of a hostile archive; pipeline-gnu.sfx.exe.
-"""
+"""make_inputs.py <work> <www>: in <work>/tar-archives, gnu.tar and ustar.tar of <format>-tree/ by GNU tar
+with the trees' symbolic links in <format>.links, and linked/<case>/ (dest/s, a link out of dest, and
+archive.tar; linked.manifest); in <www>, packages: pipeline-<kind>.tar.lzma2 (raw LZMA2 by xz behind its
+dictionary property byte) and pipeline-gnu.sfx.exe."""
 import io, os, random, shutil, subprocess, sys, tarfile
 
 BASE = 1500000000
