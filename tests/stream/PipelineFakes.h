@@ -29,18 +29,13 @@ public:
     explicit FakeJob(FakeRequest& request) : request_(request) {}
     std::atomic<bool> stop{false};
     std::atomic<uint32_t> state{qvdlm::state::Play}, gate{1}, controlThread{0};
-    std::atomic<int64_t> bytes{0};
-    std::atomic<uint64_t> total{0};
+    std::atomic<int64_t> bytes{0}, total{0};
     std::atomic<int> fallbacks{0}, pauses{0};
     std::wstring failRestoreOf;           // the stage whose restore fails
     Stream* sink = nullptr;               // the job's current sink after a block change
     std::deque<uint32_t> validationCodes; // answered in turn; 0 once empty
     std::vector<int64_t> blockLengths;    // the request's length once a block is validated
-    struct Checkpoint {
-        std::wstring stage;
-        uint32_t sequence;
-        bool fromReader, fromWriter;
-    };
+    struct Checkpoint { std::wstring stage; uint32_t sequence; bool fromReader, fromWriter; };
     std::vector<Checkpoint> checkpoints;
     std::vector<uint32_t> statuses;
     std::vector<std::wstring> restored;
@@ -58,7 +53,7 @@ public:
     Stream* currentSource() override { return nullptr; }
     Stream* currentSink() override { return sink; }
     void setBlockDownloadedSize(uint64_t size) override { request_.setBlockDownloadedSize(size); }
-    void addTotalDownloadedSize(int64_t delta) override { total += static_cast<uint64_t>(delta); }
+    void addTotalDownloadedSize(int64_t delta) override { total += delta; }
     uint32_t validateUrl() override // only the source thread validates
     {
         request_.setContentLength(blockLengths.at(static_cast<size_t>(request_.getBlockId())));
@@ -83,10 +78,7 @@ public:
     std::vector<uint32_t> timeouts;
     std::vector<int64_t> createdPositions;
 
-    StreamReader* createSource(const wchar_t* url, uint32_t start, int64_t at) override
-    {
-        return createdPositions.push_back(at), real().createSource(url, start, at);
-    }
+    StreamReader* createSource(const wchar_t* url, uint32_t start, int64_t at) override { return createdPositions.push_back(at), real().createSource(url, start, at); }
     bool reconnect(Stream* source) override { return ++reconnects, real().reconnect(source); }
     void setTimeouts(Stream* source, uint32_t ms) override { timeouts.push_back(ms), real().setTimeouts(source, ms); }
     int64_t position(Stream* source) override { return real().position(source); }
@@ -107,12 +99,7 @@ struct StageThread {
     DWORD id = 0;
     HANDLE handle;
     static DWORD WINAPI entry(void* self) { return static_cast<StageThread*>(self)->body(); }
-    ~StageThread()
-    {
-        if (join() == kTimedOut && (ADD_FAILURE() << "thread did not end", post(qvdlm::command::StopKeep)))
-            WaitForSingleObject(handle, 5000);
-        CloseHandle(handle);
-    }
+    ~StageThread() { join() == kTimedOut && (ADD_FAILURE() << "thread did not end", post(qvdlm::command::StopKeep)) && WaitForSingleObject(handle, 5000), CloseHandle(handle); }
     uint32_t join(DWORD ms = 60000) { DWORD c = kTimedOut; return WaitForSingleObject(handle, ms) || !GetExitCodeThread(handle, &c) ? kTimedOut : c; }
     bool post(UINT message) // fails until the thread made its queue
     {
@@ -133,9 +120,7 @@ struct Rig {
 
     Rig(const std::vector<std::wstring>& urls, const std::vector<int64_t>& lengths)
     {
-        request.setBlocks(urls);
-        request.setContentLength(lengths.at(0));
-        job.blockLengths = lengths;
+        request.setBlocks(urls), request.setContentLength(lengths.at(0)), job.blockLengths = lengths;
     }
     void add(Stream* stage, const wchar_t* name)
     {
@@ -167,9 +152,7 @@ struct Rig {
             codes.push_back(t->join(0));
         }
         threads.clear();
-        if (release)
-            targets.clear();
-        return codes;
+        return release ? targets.clear() : void(), codes;
     }
     void abortOnError() // as the manager does
     {
@@ -182,7 +165,6 @@ struct Rig {
 
 struct ScopedEnv { // an environment variable for one scope
     const wchar_t* name;
-    ScopedEnv(const wchar_t* n, const wchar_t* value) : name(n) { SetEnvironmentVariableW(n, value); }
     ~ScopedEnv() { SetEnvironmentVariableW(name, nullptr); }
 };
 

@@ -128,7 +128,7 @@ TEST(Pipeline, PlainBlocksArriveWholeEachInTheJobsCurrentSinkAndBothEndsCheckpoi
     EXPECT_EQ(std::vector<uint32_t>({0, 0}), p.run());
     second.reset();
     EXPECT_TRUE(p.file() == qvtest::patternBytes(qvtest::kPattern2Size, 2) && contents(p.dir / L"second.bin") == qvtest::patternBytes(kPattern3Size, 3));
-    EXPECT_TRUE(p.job.bytes == static_cast<int64_t>(p.job.total) && p.job.total == qvtest::kPattern2Size + kPattern3Size);
+    EXPECT_TRUE(p.job.bytes == p.job.total && p.job.total == static_cast<int64_t>(qvtest::kPattern2Size + kPattern3Size));
     EXPECT_EQ(std::vector<int64_t>({0}), p.services.createdPositions);
     std::sort(p.job.restored.begin(), p.job.restored.end());
     EXPECT_EQ(std::vector<std::wstring>({L"File", L"Http"}), p.job.restored);
@@ -216,7 +216,8 @@ TEST(Pipeline, RetryCycleWaitsLongerEachTimeThenPausesTheJob)
 
 TEST(Pipeline, MockFailureNeverLeavesTheCycleThroughSuccessAndFallsBackToHttp)
 {
-    fakes::ScopedEnv mock(L"DLM_MOCK_FAILURE", L"tRuE");
+    fakes::ScopedEnv mock{L"DLM_MOCK_FAILURE"};
+    SetEnvironmentVariableW(mock.name, L"tRuE");
     Pipeline p({pattern(kPattern3Size, 3, L"fin=20000")});
     p.job.state = state::Init;
     p.request.setRetryCount(2), p.request.setFallbackRetryCount(1), p.request.setAuxRetryCount(0), p.request.setUseAkamai(true);

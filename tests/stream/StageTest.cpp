@@ -21,17 +21,8 @@ std::wstring drivePath(size_t length) // C:\ddd...\d of exactly length units
     return path;
 }
 
-std::string read(const std::wstring& path)
-{
-    std::string bytes;
-    EXPECT_TRUE(qvtest::readFile(path, bytes)) << qvtest::narrow(path);
-    return bytes;
-}
-const std::string& gnuTar()
-{
-    static const std::string bytes = read(tartest::workFolder(L"tar-archives\\gnu.tar"));
-    return bytes;
-}
+std::string read(const std::wstring& path) { return [&](std::string b) { return qvtest::readFile(path, b), b; }({}); }
+const std::string& gnuTar() { static const std::string bytes = read(tartest::workFolder(L"tar-archives\\gnu.tar")); return bytes; }
 std::string package(const wchar_t* name) { return read(qvtest::wwwDir() + L"\\" + name); }
 
 // Feeds input as the middle thread does: a write, then reads until nothing comes. The SDK's status of
@@ -57,8 +48,7 @@ std::string saveRecord(Stream& stage)
 {
     std::string record(stage.saveState(nullptr, nullptr), '\0');
     uint64_t capacity = record.size();
-    stage.saveState(reinterpret_cast<StreamStateHeader*>(record.data()), &capacity);
-    return record;
+    return stage.saveState(reinterpret_cast<StreamStateHeader*>(record.data()), &capacity), record;
 }
 const StreamStateHeader* asRecord(const std::string& r) { return reinterpret_cast<const StreamStateHeader*>(r.data()); }
 

@@ -126,11 +126,8 @@ TEST(TarSink, BuiltArchivesExtractOrFailWithTheirCode)
             EXPECT_EQ(c.code == 0, tartest::feed(sink, c.archive, chunk) && sink.endOfInput());
             EXPECT_EQ(c.code, sink.lastStatus());
             auto tree = tartest::readTree(dest);
-            for (const auto& [path, content] : c.expect) {
-                const auto found = tree.find(path);
-                EXPECT_TRUE(content == kAbsent ? found == tree.end() : found != tree.end() && found->second.content == content)
-                    << path;
-            }
+            for (const auto& [path, content] : c.expect)
+                EXPECT_TRUE(content == kAbsent ? !tree.count(path) : tree.count(path) && tree[path].content == content) << path;
             tree = tartest::readTree(root.path());
             for (auto it = tree.begin(); it != tree.end();)
                 it = it->first.rfind("dest/", 0) == 0 ? tree.erase(it) : std::next(it);
