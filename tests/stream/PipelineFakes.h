@@ -1,6 +1,5 @@
-// The pipeline's one test double: a job whose state the test sets and that records what the stage
-// threads tell it, around real stages. The source's services are the library's own, except that retry
-// waits are counted instead of slept. The test thread stands in for the job's control thread.
+// The pipeline's one test double: a job whose state the test sets and that records what the stage threads
+// tell it (read after they ended), around real stages; retry waits are counted instead of slept.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,7 +22,6 @@
 
 namespace fakes {
 
-// What the threads told the job is read after they have ended.
 class FakeJob final : public PipelineJob {
 public:
     explicit FakeJob(FakeRequest& request) : request_(request) {}
@@ -130,8 +128,7 @@ struct Rig {
         wcsncpy_s(spec.stageName, kStageNameLength, name, _TRUNCATE);
         EXPECT_TRUE(targets.back()->configure(stage, &spec) && targets.back()->createBuffers());
     }
-    // Runs every stage on its thread, turning a posted pause into the paused state; the exit codes,
-    // source first. release: destroy the stages (their files are then complete).
+    // Exit codes, source first; the test thread stands in for the control thread. release: close the stages.
     std::vector<uint32_t> run(bool release = true)
     {
         MSG m;

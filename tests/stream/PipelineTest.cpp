@@ -93,7 +93,6 @@ TEST(HttpSource, AnswersOfRealServers)
                 {L"localhost:" + std::to_wstring(qvtest::port(0)) + L"/hello.txt", 0, 0, 206, 0, "hello, world\n"},
                 {qvtest::faultUrl(L"echo"), 1000, 0, 206, 0, "Range: bytes=1000-\r\n|User-Agent: WinINet/1.0\r\n|Referer: "},
                 {qvtest::nginxUrl(L"no-such-file.bin"), 0, 0, 404, qvdlm::HttpErrorBase + 404, ""},
-                {qvtest::faultUrl(L"status/500"), 0, 0, 500, qvdlm::HttpErrorBase + 500, ""},
                 {qvtest::faultUrl(L"status/200"), 5, 0, 200, qvdlm::HttpErrorBase + 200, ""}, // not the range asked for
                 {qvtest::faultUrl(L"empty"), 0, 0, 200, 0, ""},
                 {qvtest::faultUrl(L"fin"), 0, 0, 200, ERROR_INTERNET_CONNECTION_ABORTED, builtIn}, // not an end

@@ -26,8 +26,7 @@ struct Header {
     int64_t mtime;
 };
 
-// One 512-byte header block with GNU magic and its checksum.
-std::string headerBlock(const Header& header);
+std::string headerBlock(const Header& header); // 512 bytes, GNU magic and checksum
 
 class TarBuilder {
 public:
@@ -38,7 +37,6 @@ public:
     TarBuilder& symLink(const std::string& name, const std::string& target) { return link(name, '2', target); }
     TarBuilder& longText(char type, const std::string& text);
     TarBuilder& entry(const Header& header, const std::string& data = {}); // data padded to whole blocks
-    // The archive, with the two zero blocks that end it when endMarker.
     std::string bytes(bool endMarker = true) const { return endMarker ? data_ + std::string(1024, '\0') : data_; }
 
 private:
@@ -46,7 +44,7 @@ private:
     std::string data_;
 };
 
-// Writes bytes[from, to) in chunks of chunk bytes; false as soon as a write fails.
+// bytes[from, to) in chunks; false as soon as a write fails.
 bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size_t from = 0,
           size_t to = std::string::npos);
 
@@ -59,8 +57,7 @@ struct TreeEntry {
 // Everything below root by "/"-separated UTF-8 relative path (paths of any length).
 std::map<std::string, TreeEntry> readTree(const std::wstring& root);
 
-// While alive, symbolic links are recorded instead of made. Install it after the sink was created:
-// creating a sink chooses the system's operation again.
+// While alive, symbolic links are recorded, not made. Make it after the sink, which chooses the operation.
 struct LinkRecorder {
     LinkRecorder();
     ~LinkRecorder();
