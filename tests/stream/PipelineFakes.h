@@ -101,9 +101,7 @@ struct StageThread {
     uint32_t join(DWORD ms = 60000) { DWORD c = kTimedOut; return WaitForSingleObject(handle, ms) || !GetExitCodeThread(handle, &c) ? kTimedOut : c; }
     bool post(UINT message) // fails until the thread made its queue
     {
-        for (int i = 0; i < 2000; ++i, Sleep(1))
-            if (PostThreadMessageW(id, message, 0, 0))
-                return true;
+        for (int i = 0; i < 2000; ++i, Sleep(1)) if (PostThreadMessageW(id, message, 0, 0)) return true;
         return false;
     }
 };
@@ -153,10 +151,7 @@ struct Rig {
     }
     void abortOnError() // as the manager does
     {
-        events.onEvent = [this](const EventRecorder::Entry& e) {
-            if (e.kind == qvdlm::event::Error)
-                job.state = qvdlm::state::Aborting, job.stop = true;
-        };
+        events.onEvent = [this](const EventRecorder::Entry& e) { if (e.kind == qvdlm::event::Error) job.state = qvdlm::state::Aborting, job.stop = true; };
     }
 };
 

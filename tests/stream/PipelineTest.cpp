@@ -96,10 +96,8 @@ TEST(HttpSource, AnswersOfRealServers)
                 {qvtest::faultUrl(L"status/200"), 5, 0, 200, qvdlm::HttpErrorBase + 200, ""}, // not the range asked for
                 {qvtest::faultUrl(L"empty"), 0, 0, 200, 0, ""},
                 {qvtest::faultUrl(L"fin"), 0, 0, 200, ERROR_INTERNET_CONNECTION_ABORTED, builtIn}, // not an end
-                {qvtest::faultUrl(L"rst"), 0, 0, 0, kAny, builtIn},
-                {qvtest::faultUrl(L"stall/6000"), 0, 2000, 200, kAny, builtIn},
-                {qvtest::faultUrl(L"stall-head/6000"), 0, 2000, 0, kAny, ""},
-                {qvtest::faultUrl(L"close"), 0, 0, 0, kAny, ""},
+                {qvtest::faultUrl(L"rst"), 0, 0, 0, kAny, builtIn}, {qvtest::faultUrl(L"stall/6000"), 0, 2000, 200, kAny, builtIn},
+                {qvtest::faultUrl(L"stall-head/6000"), 0, 2000, 0, kAny, ""}, {qvtest::faultUrl(L"close"), 0, 0, 0, kAny, ""},
                 {kClosedUrl, 0, 0, 0, kAny, ""}};
     for (const auto& row : rows) {
         SCOPED_TRACE(qvtest::narrow(row.url) + " from " + std::to_string(row.position));

@@ -114,10 +114,8 @@ TEST(Lzma2Stage, DecodesXzOutputInAnyChunkingAndEndsBadStreamsWithTheSdksCode)
                 {"property byte of no dictionary", "\x29" + packed.substr(1), 30000, 4 << 20, SZ_ERROR_UNSUPPORTED},
                 {"dictionary too small for the stream", std::string(1, '\0') + packed.substr(1), 30000, 4 << 20, SZ_ERROR_DATA},
                 {"control byte of no kind", packed.substr(0, 1) + "\x03" + packed.substr(2), 30000, 4 << 20, SZ_ERROR_DATA},
-                {"nothing but the property byte", packed.substr(0, 1), 30000, 4 << 20, SZ_ERROR_INPUT_EOF},
-                {"cut inside the first chunk header", packed.substr(0, 4), 30000, 4 << 20, SZ_ERROR_INPUT_EOF},
-                {"cut mid-stream", packed.substr(0, n / 2), 30000, 4 << 20, SZ_ERROR_INPUT_EOF},
-                {"only the end mark missing", packed.substr(0, n - 1), 30000, 4 << 20, SZ_ERROR_INPUT_EOF}};
+                {"nothing but the property byte", packed.substr(0, 1), 30000, 4 << 20, SZ_ERROR_INPUT_EOF}, {"cut inside the first chunk header", packed.substr(0, 4), 30000, 4 << 20, SZ_ERROR_INPUT_EOF},
+                {"cut mid-stream", packed.substr(0, n / 2), 30000, 4 << 20, SZ_ERROR_INPUT_EOF}, {"only the end mark missing", packed.substr(0, n - 1), 30000, 4 << 20, SZ_ERROR_INPUT_EOF}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         LZMA2StreamWriterImp stage;

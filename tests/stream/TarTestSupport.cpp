@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <mutex>
+#include <numeric>
 #include <sstream>
 
 #include <gtest/gtest.h>
@@ -73,13 +74,9 @@ std::string headerBlock(const Header& h)
     block.replace(157, std::min<size_t>(100, h.link.size()), h.link.substr(0, 100));
     block.replace(257, 8, std::string("ustar  \0", 8));
     block.replace(148, 8, "        ");
-    unsigned sum = 0;
-    for (unsigned char c : block)
-        sum += c;
     char text[8];
-    std::snprintf(text, sizeof text, "%06o", sum);
-    block.replace(148, 7, text, 7); // six digits and a NUL; the blank stays
-    return block;
+    std::snprintf(text, sizeof text, "%06o", std::accumulate(block.begin(), block.end(), 0u, [](unsigned s, char c) { return s + static_cast<uint8_t>(c); }));
+    return block.replace(148, 7, text, 7); // six digits and a NUL; the blank stays
 }
 
 TarBuilder& TarBuilder::longText(char type, const std::string& text)

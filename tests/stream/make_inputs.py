@@ -15,12 +15,10 @@ def pattern(size, seed):  # random up to 256 KiB, repeated beyond: LZMA2 stores 
 
 
 def write(root, rel, data, mtime, mode=0o644):
-    path = os.path.join(root, rel)
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as f:
-        f.write(data)
-    os.utime(path, (mtime, mtime))
-    os.chmod(path, mode)
+    os.makedirs(os.path.dirname(os.path.join(root, rel)), exist_ok=True)
+    put(os.path.join(root, rel), data)
+    os.utime(os.path.join(root, rel), (mtime, mtime))
+    os.chmod(os.path.join(root, rel), mode)
 
 
 def tree(root, fmt):
@@ -87,8 +85,7 @@ def lzma2(data, dict_size, preset=6):
 
 
 def put(path, data):
-    with open(path + ".tmp", "wb") as f:
-        f.write(data)
+    open(path + ".tmp", "wb").write(data)
     os.replace(path + ".tmp", path)
 
 
