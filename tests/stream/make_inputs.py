@@ -66,22 +66,16 @@ MADE_BEFORE = member("t", tarfile.SYMTYPE, link="inner")
 LINKED = [  # case, where dest/s leads, members, stage code, what it tries (Wine cannot make the link)
     ("through", "../outside", [MADE_BEFORE, member("s/evil.txt", data=EVIL)], FILE_OPEN, "file through a link"),
     ("overwrite", "../outside/target.txt", [MADE_BEFORE, member("s", data=b"x")], FILE_OPEN, "file over a link"),
-    ("hardlink", "../outside/target.txt", [MADE_BEFORE, member("h", tarfile.LNKTYPE, link="s")], HARD_LINK,
-     "hard link to a link"),
-    ("symlink", "../outside", [MADE_BEFORE, member("s/x", tarfile.SYMTYPE, link="y")], SYMBOLIC_LINK,
-     "link inside a linked folder"),
+    ("hardlink", "../outside/target.txt", [MADE_BEFORE, member("h", tarfile.LNKTYPE, link="s")], HARD_LINK, "hard link"),
+    ("symlink", "../outside", [MADE_BEFORE, member("s/x", tarfile.SYMTYPE, link="y")], SYMBOLIC_LINK, "link inside it"),
     ("folder", "../outside", [MADE_BEFORE, member("s/sub", tarfile.DIRTYPE)], FOLDER, "folder in a linked folder"),
 ]
 
 
-def property_byte(dict_size):
-    return next(p for p in range(40) if (2 | (p & 1)) << (p // 2 + 11) >= dict_size)
-
-
-def lzma2(data, dict_size, preset=6):
-    raw = subprocess.run(["xz", "--format=raw", "--lzma2=preset=%d,dict=%d" % (preset, dict_size), "-c"],
-                         input=data, stdout=subprocess.PIPE, check=True).stdout
-    return bytes([property_byte(dict_size)]) + raw
+def lzma2(data, dict_size):  # the dictionary property byte, then xz's raw LZMA2
+    raw = subprocess.run(["xz", "--format=raw", "--lzma2=preset=6,dict=%d" % dict_size, "-c"], input=data,
+                         stdout=subprocess.PIPE, check=True).stdout
+    return bytes([next(p for p in range(40) if (2 | (p & 1)) << (p // 2 + 11) >= dict_size)]) + raw
 
 
 def put(path, data):
@@ -105,8 +99,7 @@ def main():
     for name, target, members, code, what in LINKED:
         case = os.path.join(out, "linked", name)
         os.makedirs(os.path.join(case, "dest"))
-        os.makedirs(os.path.join(case, "outside"))
-        put(os.path.join(case, "outside", "target.txt"), b"bait\n")
+        write(case, "outside/target.txt", b"bait\n", BASE)
         os.symlink(target, os.path.join(case, "dest", "s"))
         archive(members, os.path.join(case, "archive.tar"))
         lines.append("%s\t%08x\t%s" % (name, code, what))
