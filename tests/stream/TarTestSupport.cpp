@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <mutex>
+#include <numeric>
+#include <sstream>
+
+#include <gtest/gtest.h>
 
 #include "stream/PathUtil.h"
 #include "stream/TARStreamWriterImp.h"
@@ -13,43 +16,29 @@ namespace tartest {
 
 namespace {
 
-void putOctal(std::string& block, size_t offset, size_t width, uint64_t value)
+std::wstring longForm(const std::wstring& path)
 {
-    // width - 1 octal digits and a terminator, as GNU tar writes them.
-    std::string digits(width - 1, '0');
-    for (size_t i = width - 1; i-- > 0 && value;) {
-        digits[i] = static_cast<char>('0' + (value & 7));
-        value >>= 3;
-    }
-    block.replace(offset, width - 1, digits);
-    block[offset + width - 1] = '\0';
+    std::wstring full(32768, L'\0');
+    const DWORD n = path.rfind(L"\\\\?\\", 0) == 0 ? 0 : GetFullPathNameW(path.c_str(), 32768, full.data(), nullptr);
+    return n == 0 || n >= 32768 ? path : L"\\\\?\\" + full.substr(0, n);
 }
 
-void putText(std::string& block, size_t offset, size_t width, const std::string& text)
+void putOctal(std::string& block, size_t offset, size_t width, uint64_t value) // width - 1 digits, as GNU tar writes
 {
-    block.replace(offset, std::min(width, text.size()), text.substr(0, width));
-}
-
-std::string padded(const std::string& data)
-{
-    std::string out = data;
-    out.resize((data.size() + 511) / 512 * 512, '\0');
-    return out;
+    for (size_t i = width - 1; i-- > 0; value >>= 3)
+        block[offset + i] = static_cast<char>('0' + (value & 7));
 }
 
 std::mutex g_linksLock;
 std::vector<std::pair<std::wstring, std::wstring>> g_links;
 
-unsigned char __stdcall recordLink(const wchar_t* linkPath, const wchar_t* targetPath, unsigned long)
+unsigned char __stdcall recordLink(const wchar_t* link, const wchar_t* target, unsigned long)
 {
-    std::lock_guard<std::mutex> lock(g_linksLock);
-    g_links.emplace_back(linkPath, targetPath);
-    return 1;
+    return std::lock_guard<std::mutex>(g_linksLock), g_links.emplace_back(link, target), 1;
 }
 
-void walk(const std::wstring& root, const std::string& relative, std::map<std::string, TreeEntry>& out)
+void walk(const std::wstring& folder, const std::string& relative, std::map<std::string, TreeEntry>& out)
 {
-    const std::wstring folder = relative.empty() ? root : root + L"\\" + qvtest::widen(relative);
     WIN32_FIND_DATAW data;
     HANDLE find = FindFirstFileW(longForm(folder + L"\\*").c_str(), &data);
     if (find == INVALID_HANDLE_VALUE)
@@ -58,18 +47,16 @@ void walk(const std::wstring& root, const std::string& relative, std::map<std::s
         const std::wstring name = data.cFileName;
         if (name == L"." || name == L"..")
             continue;
-        const std::string child = (relative.empty() ? "" : relative + "/") + qvtest::narrow(name);
-        TreeEntry entry;
+        const std::string child = relative + qvtest::narrow(name);
+        TreeEntry& entry = out[child];
         entry.folder = (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
         entry.readOnly = (data.dwFileAttributes & FILE_ATTRIBUTE_READONLY) != 0;
-        const std::wstring path = folder + L"\\" + name;
-        if (!entry.folder) {
-            qvtest::readFile(longForm(path), entry.content);
-            entry.mtime = fileTime(path);
-        }
-        out[child] = entry;
+        const uint64_t t = (uint64_t{data.ftLastWriteTime.dwHighDateTime} << 32) | data.ftLastWriteTime.dwLowDateTime;
+        entry.mtime = entry.folder ? 0 : static_cast<int64_t>(t / 10000000) - 11644473600;
         if (entry.folder)
-            walk(root, child, out);
+            walk(folder + L"\\" + name, child + "/", out);
+        else
+            qvtest::readFile(longForm(folder + L"\\" + name), entry.content);
     } while (FindNextFileW(find, &data));
     FindClose(find);
 }
@@ -79,116 +66,47 @@ void walk(const std::wstring& root, const std::string& relative, std::map<std::s
 std::string headerBlock(const Header& h)
 {
     std::string block(512, '\0');
-    putText(block, 0, 100, h.name);
+    block.replace(0, std::min<size_t>(100, h.name.size()), h.name.substr(0, 100));
     putOctal(block, 100, 8, h.mode);
-    putOctal(block, 108, 8, 0);
-    putOctal(block, 116, 8, 0);
     putOctal(block, 124, 12, h.size);
     putOctal(block, 136, 12, static_cast<uint64_t>(h.mtime));
     block[156] = h.type;
-    putText(block, 157, 100, h.link);
-    if (h.posixMagic)
-        block.replace(257, 8, std::string("ustar\0" "00", 8));
-    else
-        block.replace(257, 8, std::string("ustar  \0", 8));
-    putText(block, 345, 155, h.prefix);
-    if (h.checksum) {
-        block.replace(148, 8, "        ");
-        uint32_t sum = 0;
-        for (unsigned char c : block)
-            sum += c;
-        char text[8];
-        std::snprintf(text, sizeof text, "%06o", sum);
-        block.replace(148, 6, text);
-        block[154] = '\0';
-        block[155] = ' ';
-    }
-    return block;
+    block.replace(157, std::min<size_t>(100, h.link.size()), h.link.substr(0, 100));
+    block.replace(257, 8, std::string("ustar  \0", 8));
+    block.replace(148, 8, "        ");
+    char text[8];
+    std::snprintf(text, sizeof text, "%06o", std::accumulate(block.begin(), block.end(), 0u, [](unsigned s, char c) { return s + static_cast<uint8_t>(c); }));
+    return block.replace(148, 7, text, 7); // six digits and a NUL; the blank stays
 }
 
 TarBuilder& TarBuilder::longText(char type, const std::string& text)
 {
-    Header h;
-    h.name = "././@LongLink";
-    h.type = type;
-    h.size = text.size() + 1;
-    h.mode = 0;
-    h.mtime = 0;
-    return entry(h, text + std::string(1, '\0'));
+    return entry({"././@LongLink", type, text.size() + 1, 0, 0}, text + std::string(1, '\0'));
 }
 
 TarBuilder& TarBuilder::entry(const Header& header, const std::string& data)
 {
-    data_ += headerBlock(header);
-    data_ += padded(data);
-    return *this;
+    return data_ += headerBlock(header) + data + std::string((512 - data.size() % 512) % 512, '\0'), *this;
 }
 
 TarBuilder& TarBuilder::file(const std::string& name, const std::string& data, uint32_t mode, int64_t mtime)
 {
-    if (name.size() > 100)
-        longText('L', name);
-    Header h;
-    h.name = name.substr(0, 100);
-    h.size = data.size();
-    h.mode = mode;
-    h.mtime = mtime;
-    return entry(h, data);
+    return (name.size() > 100 ? longText('L', name) : *this).entry({name.substr(0, 100), '0', data.size(), mode, mtime}, data);
 }
 
-TarBuilder& TarBuilder::folder(const std::string& name)
+TarBuilder& TarBuilder::link(const std::string& name, char type, const std::string& target)
 {
-    Header h;
-    h.name = name;
-    h.type = '5';
-    h.mode = 0755;
-    return entry(h);
-}
-
-TarBuilder& TarBuilder::hardLink(const std::string& name, const std::string& target)
-{
-    if (target.size() > 100)
-        longText('K', target);
-    Header h;
-    h.name = name;
-    h.type = '1';
-    h.link = target.substr(0, 100);
-    return entry(h);
-}
-
-TarBuilder& TarBuilder::symLink(const std::string& name, const std::string& target)
-{
-    if (target.size() > 100)
-        longText('K', target);
-    Header h;
-    h.name = name;
-    h.type = '2';
-    h.mode = 0777;
-    h.link = target.substr(0, 100);
-    return entry(h);
-}
-
-TarBuilder& TarBuilder::raw(const std::string& bytes)
-{
-    data_ += bytes;
-    return *this;
-}
-
-std::string TarBuilder::bytes(bool endMarker) const
-{
-    return endMarker ? data_ + std::string(1024, '\0') : data_;
+    return (target.size() > 100 ? longText('K', target) : *this)
+        .entry({name, type, 0, type == '2' ? 0777u : 0644u, kTime, target.substr(0, 100)});
 }
 
 bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size_t from, size_t to)
 {
     to = std::min(to, bytes.size());
-    for (size_t at = from; at < to;) {
-        const size_t n = std::min(chunk, to - at);
-        const int64_t taken = sink.writeBytes(reinterpret_cast<const uint8_t*>(bytes.data() + at),
-                                              static_cast<uint32_t>(n));
-        if (taken != static_cast<int64_t>(n))
+    for (size_t at = from; at < to; at += chunk) {
+        const uint32_t n = static_cast<uint32_t>(std::min(chunk, to - at));
+        if (sink.writeBytes(reinterpret_cast<const uint8_t*>(bytes.data() + at), n) != n)
             return false;
-        at += n;
     }
     return true;
 }
@@ -196,19 +114,7 @@ bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size
 std::map<std::string, TreeEntry> readTree(const std::wstring& root)
 {
     std::map<std::string, TreeEntry> out;
-    walk(root, "", out);
-    return out;
-}
-
-int64_t fileTime(const std::wstring& path)
-{
-    WIN32_FILE_ATTRIBUTE_DATA data;
-    if (!GetFileAttributesExW(longForm(path).c_str(), GetFileExInfoStandard, &data))
-        return -1;
-    ULARGE_INTEGER t;
-    t.LowPart = data.ftLastWriteTime.dwLowDateTime;
-    t.HighPart = data.ftLastWriteTime.dwHighDateTime;
-    return static_cast<int64_t>(t.QuadPart / 10000000) - 11644473600;
+    return walk(root, "", out), out;
 }
 
 LinkRecorder::LinkRecorder()
@@ -220,21 +126,45 @@ LinkRecorder::LinkRecorder()
 
 LinkRecorder::~LinkRecorder() { qv::selectSymbolicLinkOperation(); }
 
-std::vector<std::pair<std::wstring, std::wstring>> LinkRecorder::calls() const
+std::vector<std::pair<std::wstring, std::wstring>> LinkRecorder::calls() const { return std::lock_guard<std::mutex>(g_linksLock), g_links; }
+
+std::wstring workFolder(const std::wstring& name)
 {
-    std::lock_guard<std::mutex> lock(g_linksLock);
-    return g_links;
+    std::wstring root = qvtest::env(L"QVDLM_TEST_WORK");
+    std::replace(root.begin(), root.end(), L'/', L'\\');
+    return (root.rfind(L"\\", 0) == 0 ? L"Z:" : L"") + root + L"\\" + name;
 }
 
-std::wstring longForm(const std::wstring& path)
+void expectTree(const std::wstring& dest, const std::string& format,
+                const std::vector<std::pair<std::wstring, std::wstring>>* links)
 {
-    if (path.rfind(L"\\\\?\\", 0) == 0)
-        return path;
-    wchar_t full[32768];
-    const DWORD n = GetFullPathNameW(path.c_str(), 32768, full, nullptr);
-    if (n == 0 || n >= 32768)
-        return path;
-    return std::wstring(L"\\\\?\\") + full;
+    std::string text; // Wine shows the packed tree's links as what they lead to; the sink makes links instead
+    ASSERT_TRUE(qvtest::readFile(workFolder(L"tar-archives\\" + qvtest::widen(format) + L".links"), text));
+    auto expected = readTree(workFolder(L"tar-archives\\" + qvtest::widen(format) + L"-tree"));
+    std::stringstream in(text);
+    size_t symbolic = 0;
+    for (std::string path, target; std::getline(in, path, '\t') && std::getline(in, target); ++symbolic) {
+        for (auto it = expected.begin(); it != expected.end();)
+            it = it->first == path || it->first.rfind(path + "/", 0) == 0 ? expected.erase(it) : std::next(it);
+        std::wstring suffix = L"\\" + qvtest::widen(path), to = qvtest::widen(target);
+        std::replace(suffix.begin(), suffix.end(), L'/', L'\\');
+        std::replace(to.begin(), to.end(), L'/', L'\\');
+        EXPECT_TRUE(!links || std::any_of(links->begin(), links->end(), [&](const auto& c) {
+                return c.second == to && c.first.size() > suffix.size() &&
+                       c.first.compare(c.first.size() - suffix.size(), suffix.size(), suffix) == 0;
+            })) << "no link " << path;
+    }
+    EXPECT_EQ(links ? links->size() : symbolic, symbolic);
+    const auto tree = readTree(dest);
+    EXPECT_GE(expected.size(), format == "gnu" ? 20u : 2u);
+    EXPECT_EQ(expected.size(), tree.size());
+    for (const auto& [path, entry] : expected) {
+        const auto found = tree.find(path);
+        ASSERT_NE(found, tree.end()) << path << " missing";
+        EXPECT_TRUE(found->second.folder == entry.folder && found->second.content == entry.content) << path;
+        EXPECT_EQ(entry.mtime, found->second.mtime) << path;
+        EXPECT_EQ(entry.readOnly, found->second.readOnly) << path;
+    }
 }
 
 } // namespace tartest

@@ -76,14 +76,7 @@ public:
     }
     const wchar_t* getUrlPath() override
     {
-        const wchar_t* url = getUrl(false);
-        path_.clear();
-        if (url) {
-            std::wstring u = url;
-            const size_t scheme = u.find(L"://");
-            const size_t slash = u.find(L'/', scheme == std::wstring::npos ? 0 : scheme + 3);
-            path_ = slash == std::wstring::npos ? L"" : u.substr(slash, u.find(L'?') - slash);
-        }
+        path_ = urlPath();
         return path_.c_str();
     }
     const wchar_t* getQuery() override { return nullptr; }
@@ -125,9 +118,20 @@ public:
     }
 
 private:
+    // The current block's URL path, without touching shared state (stage threads ask at once).
+    std::wstring urlPath()
+    {
+        const wchar_t* url = getUrl(false);
+        if (!url)
+            return {};
+        const std::wstring u = url;
+        const size_t scheme = u.find(L"://");
+        const size_t slash = u.find(L'/', scheme == std::wstring::npos ? 0 : scheme + 3);
+        return slash == std::wstring::npos ? L"" : u.substr(slash, u.find(L'?') - slash);
+    }
     bool endsWith(const std::wstring& suffix)
     {
-        const std::wstring path = getUrlPath();
+        const std::wstring path = urlPath();
         return path.size() >= suffix.size() && path.compare(path.size() - suffix.size(), suffix.size(), suffix) == 0;
     }
 
