@@ -7,6 +7,8 @@
 
 #include <cstring>
 #include <map>
+#include <numeric>
+#include <random>
 #include <memory>
 #include <string>
 #include <vector>
@@ -20,16 +22,9 @@
 
 namespace {
 
-struct Rng { // splitmix64: the same sequence on every platform
-    uint64_t state;
-    uint64_t next()
-    {
-        uint64_t z = (state += 0x9E3779B97F4A7C15ull);
-        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ull;
-        z = (z ^ (z >> 27)) * 0x94D049BB133111EBull;
-        return z ^ (z >> 31);
-    }
-    uint64_t below(uint64_t n) { return n ? next() % n : 0; }
+struct Rng : std::mt19937_64 { // the same sequence on every platform
+    using std::mt19937_64::mt19937_64;
+    uint64_t below(uint64_t n) { return n ? (*this)() % n : 0; }
     bool chance(unsigned percent) { return below(100) < percent; }
     template <typename T, size_t N> const T& pick(const T (&items)[N]) { return items[below(N)]; }
 };
@@ -37,12 +32,10 @@ struct Rng { // splitmix64: the same sequence on every platform
 // Runs body once per seed: the short list, QVDLM_FUZZ_ROUNDS seeds of the same sequence, or QVDLM_FUZZ_SEED alone.
 template <typename Body> void forEachSeed(const char* label, uint64_t shortCount, Body body)
 {
-    const uint64_t one = std::wcstoull(qvtest::env(L"QVDLM_FUZZ_SEED").c_str(), nullptr, 0);
-    const uint64_t rounds = std::wcstoull(qvtest::env(L"QVDLM_FUZZ_ROUNDS").c_str(), nullptr, 0);
+    const uint64_t one = std::wcstoull(qvtest::env(L"QVDLM_FUZZ_SEED").c_str(), nullptr, 0), rounds = std::wcstoull(qvtest::env(L"QVDLM_FUZZ_ROUNDS").c_str(), nullptr, 0);
     const uint64_t count = one ? 1 : rounds ? rounds : shortCount;
     std::printf("[fuzz] %s: %llu seeds from %llu\n", label, static_cast<unsigned long long>(count), static_cast<unsigned long long>(one ? one : 1000));
-    for (uint64_t i = 0; i < count && !::testing::Test::HasFatalFailure(); ++i) {
-        const uint64_t seed = one ? one : 1000 + i * 7919;
+    for (uint64_t i = 0, seed = one ? one : 1000; i < count && !::testing::Test::HasFatalFailure(); ++i, seed += 7919) {
         SCOPED_TRACE(std::string(label) + " seed " + std::to_string(seed));
         Rng rng{seed};
         body(rng);
@@ -55,24 +48,17 @@ enum Damage { Flips, Cut, Insert, Delete, Overwrite, DamageKinds };
 Damage damage(std::string& bytes, Rng& rng, size_t from, size_t to, size_t unit = 1, int kind = -1)
 {
     to = std::min(to, bytes.size());
-    const Damage d = kind >= 0 ? static_cast<Damage>(kind) : static_cast<Damage>(rng.below(DamageKinds));
+    const Damage d = static_cast<Damage>(kind >= 0 ? kind : rng.below(DamageKinds));
     if (from >= to)
         return d;
     const size_t at = from + (rng.below(to - from)) / unit * unit, n = std::min<size_t>((1 + rng.below(64)) * unit, (to - at) / unit * unit);
     std::string noise(n, '\0');
     for (char& c : noise)
-        c = static_cast<char>(rng.next());
-    if (d == Flips)
-        for (uint64_t i = 0, flips = 1 + rng.below(8); i < flips; ++i)
-            bytes[from + rng.below(to - from)] ^= static_cast<char>(1u << rng.below(8));
-    else if (d == Cut)
-        bytes.resize(at);
-    else if (d == Insert)
-        bytes.insert(at, noise);
-    else if (d == Delete)
-        bytes.erase(at, n);
-    else
-        bytes.replace(at, std::min<size_t>(n, 32), noise.substr(0, 32));
+        c = static_cast<char>(rng());
+    for (uint64_t i = 0, flips = d == Flips ? 1 + rng.below(8) : 0; i < flips; ++i)
+        bytes[from + rng.below(to - from)] ^= static_cast<char>(1u << rng.below(8));
+    d == Cut ? void(bytes.resize(at)) : d == Insert ? void(bytes.insert(at, noise)) : d == Delete ? void(bytes.erase(at, n))
+    : d == Overwrite ? void(bytes.replace(at, std::min<size_t>(n, 32), noise.substr(0, 32))) : void();
     return d;
 }
 
@@ -90,22 +76,15 @@ std::string header(const std::string& name, char type, uint64_t size, const std:
     std::memcpy(block.data() + 257, "ustar\0" "00", 8);
     block[156] = type;
     block.replace(148, 8, "        ");
-    unsigned sum = 0;
-    for (unsigned char c : block)
-        sum += c;
-    std::snprintf(block.data() + 148, 8, "%06o", sum);
+    std::snprintf(block.data() + 148, 8, "%06o", std::accumulate(block.begin(), block.end(), 0u, [](unsigned sum, char c) { return sum + static_cast<unsigned char>(c); }));
     return block;
 }
 
 // One entry; names and link targets over 100 bytes get GNU long-name records first.
 std::string entry(const std::string& name, char type, const std::string& data = "", const std::string& link = "")
 {
-    std::string out;
-    if (name.size() > 100)
-        out += header("././@LongLink", 'L', name.size() + 1) + padded(name + '\0');
-    if (link.size() > 100)
-        out += header("././@LongLink", 'K', link.size() + 1) + padded(link + '\0');
-    return out + header(name, type, data.size(), link) + padded(data);
+    auto longName = [](const std::string& text, char kind) { return text.size() > 100 ? header("././@LongLink", kind, text.size() + 1) + padded(text + '\0') : ""; };
+    return longName(name, 'L') + longName(link, 'K') + header(name, type, data.size(), link) + padded(data);
 }
 
 // Every file and folder below root, as relative name and content ("/" ends a folder's name).
@@ -117,14 +96,10 @@ std::map<std::string, std::string> tree(const std::wstring& root, const std::str
     for (BOOL more = find != INVALID_HANDLE_VALUE; more; more = FindNextFileW(find, &data)) {
         const std::wstring name = data.cFileName;
         const std::string path = prefix + qvtest::narrow(name);
-        if (name == L"." || name == L"..")
-            continue;
-        if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
-            out[path + "/"] = "";
-            out.merge(tree(root + L"\\" + name, path + "/"));
-        } else {
+        if (name != L"." && name != L".." && (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY))
+            out.merge(tree(root + L"\\" + name, (out[path + "/"] = path + "/")));
+        else if (name != L"." && name != L"..")
             qvtest::readFile(root + L"\\" + name, out[path]);
-        }
     }
     if (find != INVALID_HANDLE_VALUE)
         FindClose(find);
@@ -141,23 +116,18 @@ struct Sandbox {
         qvtest::writeFile(root / L"dest2\\keep.txt", "sibling");
         qvtest::writeFile(root / L"sentinel.txt", "parent");
     }
-    void reset() const
-    {
-        qvtest::removeTree(dest);
-        CreateDirectoryW(dest.c_str(), nullptr);
-    }
+    void reset() const { qvtest::removeTree(dest); CreateDirectoryW(dest.c_str(), nullptr); }
     void expectUntouched() const
     {
         auto all = tree(root.path());
         for (auto it = all.begin(); it != all.end();)
             it = it->first.rfind("dest/", 0) == 0 ? all.erase(it) : std::next(it);
-        ASSERT_EQ(all, (std::map<std::string, std::string>{{"dest2/", ""}, {"dest2/keep.txt", "sibling"}, {"sentinel.txt", "parent"}}));
+        ASSERT_EQ(all, (std::map<std::string, std::string>{{"dest2/", "dest2/"}, {"dest2/keep.txt", "sibling"}, {"sentinel.txt", "parent"}}));
         for (const auto& [name, content] : tree(dest))
             ASSERT_EQ(name.find("qvfuzz"), std::string::npos) << "hostile name extracted: " << name;
         for (const std::wstring& folder : {qvtest::workDir(), std::wstring(L"C:"), std::wstring(L"Z:")}) {
             WIN32_FIND_DATAW data;
-            HANDLE find = FindFirstFileW((folder + L"\\*qvfuzz*").c_str(), &data);
-            ASSERT_EQ(find, INVALID_HANDLE_VALUE) << "escaped to " << qvtest::narrow(folder + L"\\" + data.cFileName);
+            ASSERT_EQ(FindFirstFileW((folder + L"\\*qvfuzz*").c_str(), &data), INVALID_HANDLE_VALUE) << "escaped to " << qvtest::narrow(folder + L"\\" + data.cFileName);
         }
     }
 };
@@ -194,8 +164,7 @@ std::string record(Stream& stage)
     uint64_t capacity = 0;
     const uint64_t size = stage.saveState(nullptr, &capacity);
     std::vector<uint64_t> buffer(static_cast<size_t>((size + 7) / 8));
-    capacity = size;
-    stage.saveState(reinterpret_cast<StreamStateHeader*>(buffer.data()), &capacity);
+    stage.saveState(reinterpret_cast<StreamStateHeader*>(buffer.data()), &(capacity = size));
     return std::string(reinterpret_cast<const char*>(buffer.data()), static_cast<size_t>(size));
 }
 
@@ -221,11 +190,8 @@ TEST(Fuzz, HostileAndDamagedTarStreamsStayInsideTheDestination)
     int refused = 0;
     forEachSeed("tar", 120, [&](Rng& rng) {
         std::string bytes, good;
-        for (uint64_t i = 0, n = rng.below(4); i < n; ++i) {
-            const bool folder = rng.chance(30);
-            good = folder ? good : "f" + std::to_string(i) + ".bin";
-            bytes += folder ? entry("dir" + std::to_string(i), '5') : entry(good, '0', qvtest::patternBytes(rng.below(1500), 1));
-        }
+        for (uint64_t i = 0, n = rng.below(4); i < n; ++i)
+            bytes += rng.chance(30) ? entry("dir" + std::to_string(i), '5') : entry(good = "f" + std::to_string(i) + ".bin", '0', qvtest::patternBytes(rng.below(1500), 1));
         const std::string name = rng.pick(names), target = rng.pick(targets);
         const std::pair<std::string, uint32_t> hostile[] = {
             {entry(name, '0', "escaped"), qvdlm::tarerror::FileOpen}, {entry(name, '5'), qvdlm::tarerror::Folder},
@@ -240,25 +206,17 @@ TEST(Fuzz, HostileAndDamagedTarStreamsStayInsideTheDestination)
         };
         const auto& [tail, code] = rng.pick(hostile);
         bytes += tail + (code == qvdlm::tarerror::Truncated ? "" : entry("after.bin", '0', "late") + std::string(1024, '\0')); // cut streams end there
-        const bool damaged = rng.chance(25);
-        if (damaged)
-            damage(bytes, rng, 0, bytes.size());
+        const bool damaged = rng.chance(25) && damage(bytes, rng, 0, bytes.size()) < DamageKinds;
         box.reset();
-        bool ok;
-        uint32_t status;
-        {
-            TARStreamWriterImp sink(box.dest.c_str());
-            ok = feed(sink, bytes, rng.chance(50) ? 1 + rng.below(700) : 512 * (1 + rng.below(16))) && sink.endOfInput();
-            status = sink.lastStatus();
-        }
+        auto sink = std::make_unique<TARStreamWriterImp>(box.dest.c_str());
+        const bool ok = feed(*sink, bytes, rng.chance(50) ? 1 + rng.below(700) : 512 * (1 + rng.below(16))) && sink->endOfInput();
+        const uint32_t status = sink->lastStatus();
+        sink.reset();
         refused += !ok;
         EXPECT_TRUE(ok || (status & 0xFF000000u) == 0x28000000u) << std::hex << status;
-        if (!damaged) {
-            EXPECT_EQ(status, code) << std::hex << status;
-            const auto extracted = tree(box.dest);
-            EXPECT_TRUE(good.empty() || extracted.count(good)) << "missing " << good;
-            EXPECT_EQ(extracted.count("after.bin"), code ? 0u : 1u) << "an entry past a refusal";
-        }
+        const auto extracted = tree(box.dest);
+        EXPECT_TRUE(damaged || (status == code && (good.empty() || extracted.count(good)) && extracted.count("after.bin") == (code ? 0u : 1u)))
+            << std::hex << status << " missing " << good << " or an entry past a refusal";
         box.expectUntouched();
     });
     EXPECT_GT(refused, 0);
@@ -276,13 +234,12 @@ TEST(Fuzz, DamagedPackagesFailCleanly)
         if (badProperty)
             packed[0] = static_cast<char>(41 + rng.below(215)); // no dictionary size of LZMA2
         box.reset();
-        bool done;
-        {
-            LZMA2StreamWriterImp decoder;
-            TARStreamWriterImp sink(box.dest.c_str());
-            done = decode(decoder, packed, &sink, rng) && decoder.endOfInput() && sink.endOfInput();
-            EXPECT_TRUE(done || decoder.lastStatus() || decoder.readerSide()->lastStatus() || (sink.lastStatus() & 0xFF000000u) == 0x28000000u);
-        }
+        auto decoder = std::make_unique<LZMA2StreamWriterImp>();
+        auto sink = std::make_unique<TARStreamWriterImp>(box.dest.c_str());
+        const bool done = decode(*decoder, packed, sink.get(), rng) && decoder->endOfInput() && sink->endOfInput();
+        EXPECT_TRUE(done || decoder->lastStatus() || decoder->readerSide()->lastStatus() || (sink->lastStatus() & 0xFF000000u) == 0x28000000u);
+        sink.reset();
+        decoder.reset();
         failed += !done;
         EXPECT_TRUE(!intact || (done && tree(box.dest).count("three.txt")));
         EXPECT_TRUE(!(badProperty || d == Cut) || !done) << "a cut or unusable stream passed";
@@ -298,7 +255,7 @@ TEST(Fuzz, DamagedPackagesFailCleanly)
 TEST(Fuzz, DamagedCheckpointRecordsAreRefusedOrGoOnSafely)
 {
     Sandbox box(L"fuzz-checkpoint");
-    qvtest::ScratchDir records(L"fuzz-checkpoint-records");
+    const qvtest::ScratchDir records(L"fuzz-checkpoint-records");
     const std::wstring dir = records.path();
     auto* request = new FakeRequest(L"http://localhost:1/p.tar.lzma2");
     request->setCheckpointDir(dir.c_str());
@@ -313,19 +270,15 @@ TEST(Fuzz, DamagedCheckpointRecordsAreRefusedOrGoOnSafely)
     const std::string packed = package(), archive = entry("sub/one.bin", '0', qvtest::patternBytes(3000, 1)) + entry(std::string(150, 'n'), '0', "long") +
                                              entry("sub/two.bin", '0', qvtest::patternBytes(5000, 2)) + std::string(1024, '\0');
     const size_t half = packed.size() / 2, cut = 512 + 700; // inside the data of sub/one.bin
-    std::string decoderRecord, sinkRecord;
-    {
-        LZMA2StreamWriterImp stage;
-        ASSERT_TRUE(decode(stage, packed.substr(0, half), nullptr, fixed));
-        decoderRecord = record(stage);
-    }
+    LZMA2StreamWriterImp first;
+    ASSERT_TRUE(decode(first, packed.substr(0, half), nullptr, fixed));
     auto interrupted = [&] { // the destination as the interrupted run left it, and that run's record
         box.reset();
         TARStreamWriterImp sink(box.dest.c_str());
         EXPECT_TRUE(feed(sink, archive.substr(0, cut), 4096));
         return record(sink);
     };
-    sinkRecord = interrupted();
+    const std::string decoderRecord = record(first), sinkRecord = interrupted();
     {
         LZMA2StreamWriterImp stage; // the intact records restore and go on to the end
         ASSERT_TRUE(load(L"Lzma", decoderRecord, stage));
@@ -339,16 +292,13 @@ TEST(Fuzz, DamagedCheckpointRecordsAreRefusedOrGoOnSafely)
     forEachSeed("checkpoint", 120, [&](Rng& rng) {
         const bool lzma = rng.chance(50);
         std::string bytes = lzma ? decoderRecord : sinkRecord;
-        const uint64_t kind = rng.below(7);
+        const uint64_t kind = rng.below(7); // 6: the size field claims more than the file holds; 5: cut inside the fixed part or the tables
         uint32_t claimed = rng.chance(50) ? static_cast<uint32_t>(bytes.size() + 1 + rng.below(1u << 20)) : 0xFFFFFFFFu;
-        if (kind == 6) // the size field claims more than the file holds
-            std::memcpy(bytes.data(), &claimed, 4);
-        else if (kind == 5) // cut inside the fixed part or the tables
-            bytes.resize(static_cast<size_t>(4 + rng.below(bytes.size() - 4)));
+        if (kind == 6 || kind == 5)
+            kind == 6 ? void(std::memcpy(bytes.data(), &claimed, 4)) : bytes.resize(static_cast<size_t>(4 + rng.below(bytes.size() - 4)));
         else // mostly the fixed part, where the fields are; sometimes anywhere
             damage(bytes, rng, 0, rng.chance(70) ? 2048 : bytes.size(), 1, static_cast<int>(kind));
-        claimed = 0;
-        std::memcpy(&claimed, bytes.data(), std::min<size_t>(bytes.size(), 4));
+        std::memcpy(&(claimed = 0), bytes.data(), std::min<size_t>(bytes.size(), 4));
         bool restored;
         if (lzma) {
             LZMA2StreamWriterImp stage;
@@ -372,13 +322,15 @@ TEST(Fuzz, DamagedCheckpointRecordsAreRefusedOrGoOnSafely)
 TEST(Fuzz, DamagedStoresRestoreEveryIntactRequest)
 {
     qvtest::ScratchDir root(L"fuzz-store");
+    const uint32_t states[] = {0, 0x20000007, 0x20000003, 0x20000006, 0x20000004};
+    const wchar_t* const keys[] = {L"BLOCK_COUNT", L"BLOCK_ID", L"COMPRESSED_SIZE", L"CHKPT_ID", L"SAVE_INTERVAL", L"TOTAL_DOWNLOADED_SIZE", L"TOKENS", L"QUERIES", L"CHKPT_DIR"};
+    const wchar_t* const values[] = {L"-1", L"0", L"2147483647", L"-2147483648", L"99999999999999999999", L"abc", L"", L"0x10", L"1e9", L"5000"};
+    // Port of this run's range with nothing behind it: nothing is fetched.
+    auto id = [](int i) { return L"http://localhost:" + std::to_wstring(qvtest::port(19)) + L"/fuzz/pkg" + std::to_wstring(i) + L".bin"; };
     int run = 0;
     forEachSeed("store", 16, [&](Rng& rng) {
-        const std::wstring folder = root / std::to_wstring(++run);
+        const std::wstring folder = root / std::to_wstring(++run), store = folder + L"\\download.info";
         ASSERT_TRUE(CreateDirectoryW(folder.c_str(), nullptr));
-        const uint32_t states[] = {0, 0x20000007, 0x20000003, 0x20000006, 0x20000004};
-        // Port of this run's range with nothing behind it: nothing is fetched.
-        auto id = [](int i) { return L"http://localhost:" + std::to_wstring(qvtest::port(19)) + L"/fuzz/pkg" + std::to_wstring(i) + L".bin"; };
         auto text = [&](int i, const std::wstring& name, const std::wstring& extra) {
             return L"[" + name + L"]\r\nVERSION=1.2\r\nSTATE=" + std::to_wstring(rng.pick(states)) + L"\r\nORIGINAL_URL=" + name + L"\r\nURLS=" + name +
                    L"\r\nNAME=pkg" + std::to_wstring(i) + L"\r\nDEST_DIR=" + folder + L"\\d" + std::to_wstring(i) + L"\r\n" + extra;
@@ -386,37 +338,28 @@ TEST(Fuzz, DamagedStoresRestoreEveryIntactRequest)
         // Flavours: 0 bad values, 1 no byte-order mark, 2-4 damage inside the victim, 5 anywhere, 6 many sections.
         const uint64_t flavour = rng.below(7);
         const int good = flavour == 6 ? 100 + static_cast<int>(rng.below(300)) : 1 + static_cast<int>(rng.below(4));
-        std::wstring head = L"[Preferences]\r\nVERSION=1.2\r\n", victim, extra;
+        std::wstring head = L"[Preferences]\r\nVERSION=1.2\r\n", extra;
         for (int i = 0; i < good; ++i)
             head += text(i, id(i), L"CHKPT_DIR=" + folder + L"\\chk\r\n");
-        const wchar_t* const keys[] = {L"BLOCK_COUNT", L"BLOCK_ID", L"COMPRESSED_SIZE", L"CHKPT_ID", L"SAVE_INTERVAL", L"TOTAL_DOWNLOADED_SIZE", L"TOKENS", L"QUERIES", L"CHKPT_DIR"};
-        const wchar_t* const values[] = {L"-1", L"0", L"2147483647", L"-2147483648", L"99999999999999999999", L"abc", L"", L"0x10", L"1e9", L"5000"};
         for (uint64_t i = 0, n = flavour == 0 ? 1 + rng.below(4) : 0; i < n; ++i)
             extra += std::wstring(rng.pick(keys)) + L"=" + (rng.chance(30) ? std::wstring(1000 + rng.below(70000), L",;%\\N"[rng.below(5)]) : rng.pick(values)) + L"\r\n";
-        victim = text(5000, flavour == 0 && rng.chance(30) ? id(5000) + L"?" + std::wstring(5000 + rng.below(60000), L'q') : id(5000), extra);
-        const std::wstring tail = rng.chance(30) ? text(0, id(0), L"") : L""; // the first section again
-        const std::wstring all = head + victim + tail;
+        const std::wstring victim = text(5000, flavour == 0 && rng.chance(30) ? id(5000) + L"?" + std::wstring(5000 + rng.below(60000), L'q') : id(5000), extra);
+        const std::wstring all = head + victim + (rng.chance(30) ? text(0, id(0), L"") : L""); // maybe the first section again
         std::string file = "\xFF\xFE" + std::string(reinterpret_cast<const char*>(all.data()), all.size() * 2);
-        const bool ansi = flavour == 1 && rng.chance(50);
-        if (ansi)
-            file = qvtest::narrow(all); // ANSI text, which the profile functions read too
-        else if (flavour == 1)
-            file.erase(0, 2);
+        const bool ansi = flavour == 1 && rng.chance(50); // ANSI text, which the profile functions read too
+        if (flavour == 1)
+            file = ansi ? qvtest::narrow(all) : file.substr(2);
         else if (flavour >= 2 && flavour <= 5)
             damage(file, rng, flavour == 5 ? 0 : 2 + (head.size() + victim.find(L"]\r\n") + 3) * 2, flavour == 5 ? file.size() : 2 + (head.size() + victim.size()) * 2 - 4,
                    flavour == 5 || rng.chance(50) ? 1 : 2);
-        ASSERT_TRUE(qvtest::writeFile(folder + L"\\download.info", file));
-        ASSERT_TRUE(DownloadRequestLog::getInstance()->open((folder + L"\\download.info").c_str()));
+        ASSERT_TRUE(qvtest::writeFile(store, file) && DownloadRequestLog::getInstance()->open(store.c_str()));
         DownloadMgr* manager = QvDLM::createDownloadMgr();
         manager->beginRestore();
         manager->restore();
         manager->endRestore();
         std::map<std::wstring, std::wstring> restored;
-        for (Download* d : manager->getDownloads()) {
-            const std::wstring key = d->getRequest()->getId();
-            EXPECT_EQ(restored.count(key), 0u) << "restored twice: " << qvtest::narrow(key);
-            restored[key] = std::wstring(d->getRequest()->getName()) + L" " + d->getRequest()->getDestDir();
-        }
+        for (Download* d : manager->getDownloads())
+            EXPECT_TRUE(restored.emplace(d->getRequest()->getId(), std::wstring(d->getRequest()->getName()) + L" " + d->getRequest()->getDestDir()).second) << "restored twice";
         for (int i = 0; i < good && (ansi || flavour != 1) && flavour != 5; ++i) // UTF-16 without its mark reads as nothing useful
             EXPECT_EQ(restored[id(i)], L"pkg" + std::to_wstring(i) + L" " + folder + L"\\d" + std::to_wstring(i)) << i;
         QvDLM::destroy(manager);
@@ -431,50 +374,43 @@ TEST(Fuzz, MalformedUrlsGetClearCodesAndStayLocal)
     qvtest::ScratchDir root(L"fuzz-url");
     ASSERT_TRUE(DownloadRequestLog::getInstance()->open((root / L"store\\download.info").c_str()));
     DownloadMgr* manager = QvDLM::createDownloadMgr();
-    const wchar_t* const schemes[] = {L"ftp://", L"file://", L"", L"http:/", L"http:", L"://", L"http//", L"\\\\", L"javascript:", L"HTTP://", L"hTTpS://"};
-    const wchar_t* const hosts[] = {L"127.0.0.1", L"qvfuzz.invalid", L"localhost.invalid", L"[::1]", L"", L"user:pw@localhost",
-                                    L"localhost@qvfuzz.invalid", L"qvfuzz.invalid?localhost", L"LOCALHOST"};
-    const wchar_t* const ports[] = {L"", L":0", L":65536", L":99999999999999999999", L":-1", L":abc"};
+    const wchar_t* const starts[] = {L"ftp://127.0.0.1", L"file://qvfuzz.invalid", L"localhost.invalid:0", L"http:/[::1]:65536", L"http:user:pw@localhost",
+                                     L"://localhost@qvfuzz.invalid:-1", L"http//qvfuzz.invalid?localhost", L"\\\\LOCALHOST:abc", L"javascript:127.0.0.1",
+                                     L"HTTP://qvfuzz.invalid:99999999999999999999", L"hTTpS://", L"http://qvfuzz.invalid"};
     const wchar_t* const paths[] = {L"/", L"/pkg_001_002.tar.lzma2", L"/setup.sfx.exe", L"/%00", L"/%zz%", L"/x?authparam=%s&SESSION_ID=%n", L"/pkg_000_000.bin",
                                     L"/pkg_001_99999999999.tar.lzma2", L"/a b/c", L"", L"/..\\..\\qvfuzz", L"/p?q=1;r=2,s", L"/%%%%%%%%s%s%s%n"};
     const wchar_t* const separators[] = {L";", L";;", L",", L" ", L"|", L"\r\n", L"; "};
-    const wchar_t odd[] = {0xD800, 0xDFFF, 0xFFFF, 0xFEFF, 0x00E9, 0x202E, 0x7F, 0, 1, 31};
+    const wchar_t odd[] = {0xD800, 0xDFFF, 0xFFFF, 0xFEFF, 0x00E9, 0x202E, 0x7F, 0, 1, 31, L'a', L'%', L'/', L';', L',', L'?', L'&'};
     int untrusted = 0;
     forEachSeed("url", 40, [&](Rng& rng) {
         std::wstring list;
         for (uint64_t i = 0, count = 1 + rng.below(rng.chance(20) ? 400 : 4); i < count; ++i) {
-            const bool wellFormed = rng.chance(60);
-            std::wstring url = wellFormed ? (rng.chance(70) ? L"http://localhost:" : L"https://LocalHost:") + std::to_wstring(qvtest::port(18 + rng.below(2)))
-                                          : rng.pick(schemes) + std::wstring(rng.pick(hosts)) + rng.pick(ports);
-            url += rng.pick(paths);
+            std::wstring url = (rng.chance(60) ? (rng.chance(70) ? L"http://localhost:" : L"https://LocalHost:") + std::to_wstring(qvtest::port(18 + rng.below(2)))
+                                               : rng.pick(starts)) + rng.pick(paths);
             const size_t slash = url.find(L'/', url.find(L"://") == std::wstring::npos ? 0 : url.find(L"://") + 3);
-            if (rng.chance(40) && slash != std::wstring::npos) { // noise behind the host only, so that it can never name another host
-                std::wstring noise(1 + rng.below(8), L'\0');
-                for (wchar_t& c : noise)
-                    c = rng.pick(odd);
-                url.insert(slash + 1, rng.chance(20) ? std::wstring(rng.chance(10) ? 1000000 : 300 + rng.below(70000), L"a%/;,?&"[rng.below(7)]) : noise);
-            }
+            std::wstring noise(rng.chance(20) ? (rng.chance(10) ? 1000000 : 300 + rng.below(70000)) : 1 + rng.below(8), odd[10 + rng.below(7)]);
+            for (size_t k = 0; noise.size() < 9 && k < noise.size(); ++k)
+                noise[k] = rng.pick(odd);
+            if (rng.chance(40) && slash != std::wstring::npos) // noise behind the host only, so that it can never name another host
+                url.insert(slash + 1, noise);
             list += (i ? rng.pick(separators) : L"") + url;
         }
         DownloadRequest* request = QvDLM::createDownloadRequest();
         request->setUrl(list.c_str(), rng.chance(20) ? L"name%s.bin" : nullptr, rng.chance(20) ? L".tar.lzma2" : nullptr);
         request->setDestDir((root / L"dest").c_str());
-        EXPECT_GE(request->getBlockCount(), 0);
-        (void)request->getUrlPath();
+        EXPECT_GE(request->getBlockCount() + !request->getUrlPath(), 0);
         const unsigned long code = validateUrl(request);
-        EXPECT_TRUE(code == qvdlm::validation::OpenFailure || code == qvdlm::validation::Forbidden || code == qvdlm::validation::ServerNotResponding ||
-                    code == qvdlm::validation::NetworkDisconnected || code == qvdlm::validation::NetworkError || code == qvdlm::validation::ProxyAuthRequired) << code;
+        using namespace qvdlm::validation;
+        EXPECT_TRUE(code == OpenFailure || code == Forbidden || code == ServerNotResponding || code == NetworkDisconnected || code == NetworkError || code == ProxyAuthRequired) << code;
         std::wstring first = request->getUrl(false) ? request->getUrl(false) : L"";
         CharLowerW(first.data());
-        if (first.find(L"localhost") == std::wstring::npos) {
-            ++untrusted;
-            EXPECT_EQ(code, static_cast<unsigned long>(qvdlm::validation::OpenFailure)) << "untrusted host passed";
-        }
-        EXPECT_NE(manager->checkRequest(request), static_cast<unsigned>(qvdlm::validation::Ok));
+        untrusted += first.find(L"localhost") == std::wstring::npos;
+        EXPECT_TRUE(first.find(L"localhost") != std::wstring::npos || code == OpenFailure) << "untrusted host passed";
+        EXPECT_NE(manager->checkRequest(request), static_cast<unsigned>(Ok));
         if (!rng.chance(50)) {
             QvDLM::destroy(request);
         } else if (Download* download = manager->addDownload(request)) { // the manager owns the request now, whatever it answers
-            EXPECT_EQ(manager->checkRequest(request), static_cast<unsigned>(qvdlm::validation::AlreadyAdded));
+            EXPECT_EQ(manager->checkRequest(request), static_cast<unsigned>(AlreadyAdded));
             EXPECT_TRUE(manager->removeDownload(download));
             QvDLM::destroy(download);
         }

@@ -70,17 +70,8 @@ protected:
         log_.reset(QvDLM::createLog(path_.c_str()));
         ASSERT_NE(log_, nullptr);
     }
-    void TearDown() override
-    {
-        log_.reset();
-        if (resources_)
-            FreeLibrary(resources_);
-    }
-    void publish(Download* source, uint32_t kind, uint64_t value)
-    {
-        EventRecord record{source, kind, value};
-        EventPublisher::getInstance()->publish(&record);
-    }
+    void TearDown() override { log_.reset(); if (resources_) FreeLibrary(resources_); }
+    void publish(Download* source, uint32_t kind, uint64_t value) { EventRecord record{source, kind, value}; EventPublisher::getInstance()->publish(&record); }
     // The entries since the banner, which must be the first.
     Entries body()
     {
@@ -131,8 +122,7 @@ TEST_F(LogTest, TheFileItsPlaceAndTheResourceModule)
     const HANDLE find = FindFirstFileW((std::wstring(temp, GetTempPathW(MAX_PATH, temp)) + L"QV_*.tmp").c_str(), &found);
     ASSERT_NE(find, INVALID_HANDLE_VALUE);
     FindClose(find);
-    log_.reset();
-    FreeLibrary(resources_);
+    TearDown();
     resources_ = nullptr;
     EXPECT_EQ(QvDLM::createLog(path_.c_str()), nullptr) << "no log without the resource module";
     EXPECT_EQ(subscribers(), before - 1);
@@ -140,13 +130,7 @@ TEST_F(LogTest, TheFileItsPlaceAndTheResourceModule)
 
 TEST_F(LogTest, EveryEventGivesItsLines)
 {
-    struct Row {
-        uint32_t kind;
-        uint64_t value;
-        uint32_t state, status, streamError;
-        const wchar_t* level; // null: no line but the status
-        std::wstring text;
-    };
+    struct Row { uint32_t kind; uint64_t value; uint32_t state, status, streamError; const wchar_t* level; std::wstring text; }; // level null: only the status
     std::vector<Row> rows = {
         {1, 0, 0, 0, 0, L"State", L"download completed"},
         {1, 0, 0x20000003, 0x25000008, 0, L"State", L"download paused"},
@@ -216,23 +200,43 @@ TEST_F(LogTest, SnapshotsStatisticsAndEventsWithoutADownload)
                                L"0x00000000\tINFO:\t " + odd + L"\r\n", L"0x00000000\tERROR:\t network disconnected\r\n", L"0x00000000\tWARNING:\t \r\n"}));
 }
 
+TEST_F(LogTest, SubscribersAreCalledOnceEachInAddressOrder)
+{
+    static std::vector<const void*> order; // who was called, in order
+    struct Recorder : EventSubscriber {
+        void notify(const EventRecord* record) override { order.push_back(this); last = *record; }
+        EventRecord last{};
+    } recorders[4], stranger;
+    EventPublisher* hub = EventPublisher::getInstance();
+    for (int i : {2, 0, 3, 1, 2})
+        hub->subscribe(&recorders[i]);
+    hub->unsubscribe(&stranger);
+    publish(&download_, 4, 1006);
+    EXPECT_EQ(order, (std::vector<const void*>{&recorders[0], &recorders[1], &recorders[2], &recorders[3]}));
+    EXPECT_TRUE(recorders[3].last.kind == 4 && recorders[3].last.value == 1006 && recorders[3].last.source == &download_);
+    hub->unsubscribe(&recorders[0]);
+    order.clear();
+    publish(nullptr, 4, 1006);
+    EXPECT_EQ(order, (std::vector<const void*>{&recorders[1], &recorders[2], &recorders[3]}));
+    for (auto& r : recorders)
+        hub->unsubscribe(&r);
+    EXPECT_EQ(body(), (Entries{line(L"DEBUG", L"network connected"), status(0), L"0x00000000\tDEBUG:\t network connected\r\n"}));
+}
+
 TEST_F(LogTest, ConcurrentWritersNeverInterleaveWithinAnEntry)
 {
-    std::vector<std::wstring> texts;
     std::vector<std::thread> writers;
+    std::map<std::wstring, int> counts, expected;
     for (int t = 0; t < 4; ++t)
-        texts.push_back(std::wstring(400 + 50 * t, static_cast<wchar_t>(L'A' + t)));
-    for (int t = 0; t < 4; ++t)
-        writers.emplace_back([&, t] {
+        writers.emplace_back([&, t, text = std::wstring(400 + 50 * t, static_cast<wchar_t>(L'A' + t))] {
             for (int i = 0; i < 2500; ++i)
-                publish(nullptr, 3, reinterpret_cast<uint64_t>(texts[t].c_str()));
+                publish(nullptr, 3, reinterpret_cast<uint64_t>(text.c_str()));
         });
-    for (auto& writer : writers)
-        writer.join();
-    std::map<std::wstring, int> counts;
+    for (int t = 0; t < 4; ++t)
+        writers[t].join();
+    for (int t = 0; t < 4; ++t)
+        expected[L"0x00000000\tINFO:\t " + std::wstring(400 + 50 * t, static_cast<wchar_t>(L'A' + t)) + L"\r\n"] = 2500;
     for (const auto& entry : body())
         ++counts[entry];
-    ASSERT_EQ(counts.size(), 4u) << "torn entries";
-    for (const auto& text : texts)
-        EXPECT_EQ(counts[L"0x00000000\tINFO:\t " + text + L"\r\n"], 2500);
+    EXPECT_EQ(counts, expected) << "torn or lost entries";
 }

@@ -20,8 +20,7 @@ class StatsTest : public ::testing::Test {
 protected:
     StatsTest()
     {
-        request_.setCompressedSize(100000000);
-        request_.setUncompressedSize(250000000);
+        request_.setCompressedSize(100000000), request_.setUncompressedSize(250000000);
         ON_CALL(download_, getRequest()).WillByDefault(Return(&request_));
         ON_CALL(download_, getDownloadedSize()).WillByDefault(ReturnPointee(&downloaded_));
         ON_CALL(download_, getExtractedSize()).WillByDefault(ReturnPointee(&extracted_));
@@ -32,17 +31,14 @@ protected:
     void at(DWORD t)
     {
         g_ticks = t;
-        downloaded_ = static_cast<uint64_t>(t - 1000) * rate_ / 1000;
-        extracted_ = downloaded_ / 2;
+        extracted_ = (downloaded_ = static_cast<uint64_t>(t - 1000) * rate_ / 1000) / 2;
     }
     // Samples once a second from 2000 to `to`; answers the last estimate.
     int64_t sampleUntil(DWORD to)
     {
         int64_t last = 0;
-        for (DWORD t = 2000; t <= to; t += 1000) {
-            at(t);
-            last = stats_.getRemainingSeconds();
-        }
+        for (DWORD t = 2000; t <= to; t += 1000)
+            at(t), last = stats_.getRemainingSeconds();
         return last;
     }
 

@@ -5,6 +5,8 @@
 #include <shlobj.h>
 
 #include <algorithm>
+#include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -31,10 +33,10 @@ Texts loadAll(DownloadRequestLog& store)
     EXPECT_TRUE(store.loadAll(set));
     Texts out;
     for (DownloadRequest* r : set) {
-        out.push_back(std::wstring(r->getId()) + L" " + r->getName() + L" " + std::to_wstring(r->getState()) + L" " + std::to_wstring(r->getBlockCount()) +
-                      L" " + std::to_wstring(r->getBlockId()) + L" " + std::to_wstring(r->getCheckpointId()) + L" " + std::to_wstring(r->getCompressedSize()) +
-                      L" " + std::to_wstring(r->getTotalDownloadedSize()) + L" " + std::to_wstring(r->getSaveInterval()) + L" " +
-                      (r->getUrl(false) ? r->getUrl(false) : L"-"));
+        std::wostringstream line;
+        line << r->getId() << ' ' << r->getName() << ' ' << r->getState() << ' ' << r->getBlockCount() << ' ' << r->getBlockId() << ' ' << r->getCheckpointId() << ' '
+             << r->getCompressedSize() << ' ' << r->getTotalDownloadedSize() << ' ' << r->getSaveInterval() << ' ' << (r->getUrl(false) ? r->getUrl(false) : L"-");
+        out.push_back(line.str());
         delete r;
     }
     std::sort(out.begin(), out.end());
@@ -49,11 +51,10 @@ protected:
         EXPECT_TRUE(qvtest::readFile(path_, b) && b.substr(0, 2) == "\xFF\xFE");
         return std::wstring(reinterpret_cast<const wchar_t*>(b.data() + 2), (b.size() - 2) / 2);
     }
-    std::wstring raw(const wchar_t* section, const wchar_t* key) const
+    std::wstring raw(const wchar_t* section, const wchar_t* key) const // "-" when missing
     {
         wchar_t value[8192];
-        GetPrivateProfileStringW(section, key, L"-", value, 8192, path_.c_str());
-        return value;
+        return std::wstring(value, GetPrivateProfileStringW(section, key, L"-", value, 8192, path_.c_str()));
     }
     Texts sections() const
     {
@@ -75,16 +76,9 @@ protected:
     {
         r_.setUrl(L"https://cdn.example.com/p/pkg_001_003.sfx.exe?authparam=0a0b&SESSION_ID=x&y=1", nullptr, L"sfx");
         r_.setName(L"\u00e4\u4e2d\r\n[http://evil/]\nNAME=x"); // line breaks make no new keys or sections
-        r_.setDestDir(L"C:\\Games");
-        r_.setCompressedSize(123456789012ull);
-        r_.setState(0x20000003);
-        r_.setBlockDownloadedSize(1000);
-        r_.setTotalDownloadedSize(5000);
-        r_.setCheckpointId(17);
-        r_.setUseAkamai(true);
-        r_.setBlockId(1);
-        ASSERT_TRUE(store_.open(path_.c_str()));
-        ASSERT_TRUE(store_.add(&r_));
+        r_.setDestDir(L"C:\\Games"), r_.setCompressedSize(123456789012ull), r_.setState(0x20000003), r_.setBlockDownloadedSize(1000);
+        r_.setTotalDownloadedSize(5000), r_.setCheckpointId(17), r_.setUseAkamai(true), r_.setBlockId(1);
+        ASSERT_TRUE(store_.open(path_.c_str()) && store_.add(&r_));
         id_ = r_.getId();
     }
 };
@@ -134,10 +128,7 @@ TEST_F(StoreTest, AddWritesEveryKeyInOrderOnceAndLoadGivesTheRequestBack)
 
     DownloadRequestImp old; // version 1.0 keeps its launch settings here, right after DEST_DIR
     old.setUrl(L"http://h.example/old.bin", nullptr, nullptr);
-    old.setVersion(L"1.0");
-    old.setDestDir(L"C:\\old");
-    old.setExePath(L"setup.exe");
-    old.setAutoOpen(true);
+    old.setVersion(L"1.0"), old.setDestDir(L"C:\\old"), old.setExePath(L"setup.exe"), old.setAutoOpen(true);
     ASSERT_TRUE(store_.add(&old));
     EXPECT_NE(text().find(L"DEST_DIR=C:\\old\r\nEXE_PATH=setup.exe\r\nEXE_PARAM=\r\nAUTO_OPEN=1\r\nAUTH_TOKEN="), std::wstring::npos);
     EXPECT_EQ(sections(), (Texts{L"Preferences", L"http://h.example/old.bin"}));
@@ -146,10 +137,7 @@ TEST_F(StoreTest, AddWritesEveryKeyInOrderOnceAndLoadGivesTheRequestBack)
 TEST_F(StoreTest, SavesFollowTheStateRules)
 {
     addExample();
-    r_.setBlockId(2);
-    r_.setBlockDownloadedSize(777);
-    r_.setExtractedSize(99);
-    r_.setDate(L"2024-05-06");
+    r_.setBlockId(2), r_.setBlockDownloadedSize(777), r_.setExtractedSize(99), r_.setDate(L"2024-05-06");
     // STATE BLOCK_ID BLOCK_DOWNLOADED_SIZE TOTAL_DOWNLOADED_SIZE EXTRACTED_SIZE CHKPT_ID DATE after each save.
     const std::tuple<bool, uint32_t, uint32_t, const wchar_t*> saves[] = {
         {false, 0x20000002, 0, L"536870914 1 1000 6000 0 17 -"},
@@ -167,9 +155,7 @@ TEST_F(StoreTest, SavesFollowTheStateRules)
             now += (now.empty() ? L"" : L" ") + raw(id_, key);
         EXPECT_EQ(now, expected) << std::hex << state;
     }
-    r_.setExePath(L"run.exe");
-    r_.setDestDir(L"E:\\new");
-    r_.setUseAkamai(false);
+    r_.setExePath(L"run.exe"), r_.setDestDir(L"E:\\new"), r_.setUseAkamai(false);
     EXPECT_TRUE(store_.saveLaunch(&r_) && store_.saveDestDir(&r_) && store_.saveUseAkamai(&r_));
     EXPECT_EQ(raw(id_, L"EXE_PATH") + raw(id_, L"AUTO_OPEN") + raw(id_, L"DEST_DIR") + raw(id_, L"USE_AKAMAI"), L"run.exe0E:\\new0");
     EXPECT_FALSE(qvtest::fileExists(path_ + L".bak")) << "every write takes its backup away again";
@@ -191,24 +177,17 @@ TEST_F(StoreTest, DamagedStoresLoadTheirIntactSectionsAndLoseTheRest)
         manyLines.push_back(name + rest + name);
     }
     const std::pair<std::string, Texts> cases[] = {
-        {u16(L"[Preferences]\r\nVERSION=1.2\r\n" + section(L"http://h.example/good") + L"[HTTPS://h.example/noname]\r\nVERSION=1.2\r\nSTATE=1\r\n"
-             L"ORIGINAL_URL=x\r\nURLS=https://h.example/noname\r\nDEST_DIR=C:\\d\r\n[Other]\r\nNAME=kept\r\n"),
-         {L"http://h.example/good" + rest + L"http://h.example/good"}},
+        {u16(L"[Preferences]\r\nVERSION=1.2\r\n" + section(L"http://h.example/good") + L"[HTTPS://h.example/noname]\r\nVERSION=1.2\r\nSTATE=1\r\n" L"ORIGINAL_URL=x\r\nURLS=https://h.example/noname\r\nDEST_DIR=C:\\d\r\n[Other]\r\nNAME=kept\r\n"), {L"http://h.example/good" + rest + L"http://h.example/good"}},
         {u16(two.substr(0, two.rfind(L"NAME=") + 1)), {L"http://h.example/1" + rest + L"http://h.example/1"}}, // cut short
         {qvtest::narrow(section(L"http://h.example/ansi")), {L"http://h.example/ansi" + rest + L"http://h.example/ansi"}},
         {qvtest::patternBytes(6000, 1), {}},
         {u16(L"").append(qvtest::patternBytes(6000, 2)), {}},
-        {u16(L"words\r\n" + section(L"http://h.example/g", L"no key\r\n=x\r\n;c\r\n[[[\r\nCOMPRESSED_SIZE=5\r\n")),
-         {L"http://h.example/g n 536870915 1 0 0 5 0 734003200 http://h.example/g"}},
-        {u16(section(L"http://h.example/dup", L"CHKPT_ID=1\r\n") + section(L"http://h.example/other") + section(L"HTTP://H.EXAMPLE/DUP", L"CHKPT_ID=2\r\n")),
-         {L"http://h.example/dup n 536870915 1 0 1 0 0 734003200 http://h.example/dup", L"http://h.example/other" + rest + L"http://h.example/other"}},
+        {u16(L"words\r\n" + section(L"http://h.example/g", L"no key\r\n=x\r\n;c\r\n[[[\r\nCOMPRESSED_SIZE=5\r\n")), {L"http://h.example/g n 536870915 1 0 0 5 0 734003200 http://h.example/g"}},
+        {u16(section(L"http://h.example/dup", L"CHKPT_ID=1\r\n") + section(L"http://h.example/other") + section(L"HTTP://H.EXAMPLE/DUP", L"CHKPT_ID=2\r\n")), {L"http://h.example/dup n 536870915 1 0 1 0 0 734003200 http://h.example/dup", L"http://h.example/other" + rest + L"http://h.example/other"}},
         {u16(section(L"http://h.example/s", L"", L"", L"playing") + section(L"http://h.example/ok")), {L"http://h.example/ok" + rest + L"http://h.example/ok"}},
-        {u16(section(L"http://h.example/n", L"COMPRESSED_SIZE=abc\r\nSAVE_INTERVAL=12x\r\nCHKPT_ID=4294967296\r\n"
-                                            L"TOTAL_DOWNLOADED_SIZE=18446744073709551615\r\nBLOCK_ID=7\r\n")),
-         {L"http://h.example/n n 536870915 1 0 0 0 18446744073709551615 734003200 http://h.example/n"}},
+        {u16(section(L"http://h.example/n", L"COMPRESSED_SIZE=abc\r\nSAVE_INTERVAL=12x\r\nCHKPT_ID=4294967296\r\n" L"TOTAL_DOWNLOADED_SIZE=18446744073709551615\r\nBLOCK_ID=7\r\n")), {L"http://h.example/n n 536870915 1 0 0 0 18446744073709551615 734003200 http://h.example/n"}},
         {blocks(L"2"), twoBlocks}, {blocks(L"0"), twoBlocks}, {blocks(L"-5"), twoBlocks}, {blocks(L"abc"), twoBlocks}, {blocks(L"99999999"), twoBlocks},
-        {u16(section(L"http://h.example/a?authparam=%s", L"TOKENS=" + std::wstring(100, L't') + L",\r\nQUERIES=" + std::wstring(1500, L'q') + L",\r\n", L"http://h.example/a?authparam=%s")),
-         {L"http://h.example/a?authparam=%s" + rest + L"http://h.example/a?authparam=" + std::wstring(100, L't') + L"&" + std::wstring(1500, L'q')}}, // long values come back whole
+        {u16(section(L"http://h.example/a?authparam=%s", L"TOKENS=" + std::wstring(100, L't') + L",\r\nQUERIES=" + std::wstring(1500, L'q') + L",\r\n", L"http://h.example/a?authparam=%s")), {L"http://h.example/a?authparam=%s" + rest + L"http://h.example/a?authparam=" + std::wstring(100, L't') + L"&" + std::wstring(1500, L'q')}}, // long values come back whole
         {u16(many), manyLines},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
@@ -250,9 +229,7 @@ TEST(StoreKill, DISABLED_Writer)
     ASSERT_TRUE(store->open(qvtest::env(L"QVDLM_STORE").c_str()));
     DownloadRequestImp request;
     request.setUrl(L"http://localhost/store-kill/pkg_001_004.tar.lzma2", nullptr, nullptr);
-    request.setDestDir(L"C:\\store-kill");
-    request.setName(L"store-kill");
-    store->add(&request);
+    request.setDestDir(L"C:\\store-kill"), request.setName(L"store-kill"), store->add(&request);
     qvtest::writeFile(qvtest::env(L"QVDLM_STORE") + L".ready", "");
     for (uint32_t id = 1; id < 1000000; ++id) { // bounded: killed long before the end
         request.setBlockDownloadedSize(id * 4096ull);
@@ -282,13 +259,12 @@ TEST(StoreKill, AWriterKilledAtAnyMomentLeavesItsRequestLoadable)
         TerminateProcess(process.get(), 9);
         WaitForSingleObject(process.get(), 10000);
         DownloadRequestLogImp reader;
-        ASSERT_TRUE(reader.open(store.c_str()));
         DownloadRequestSet loaded;
-        ASSERT_TRUE(reader.loadAll(loaded));
+        ASSERT_TRUE(reader.open(store.c_str()) && reader.loadAll(loaded));
         ASSERT_EQ(loaded.size(), 1u) << "the request was lost in round " << round;
-        EXPECT_EQ((*loaded.begin())->getBlockDownloadedSize() % 4096, 0u) << "a progress value from a cut write";
-        EXPECT_EQ((*loaded.begin())->getState() | 2, 0x20000002u);
-        delete *loaded.begin();
+        const std::unique_ptr<DownloadRequest> back(*loaded.begin());
+        EXPECT_EQ(back->getBlockDownloadedSize() % 4096, 0u) << "a progress value from a cut write";
+        EXPECT_EQ(back->getState() | 2, 0x20000002u);
     }
     EXPECT_GT(round, 5);
 }
