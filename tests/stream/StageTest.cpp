@@ -11,6 +11,8 @@
 #include "stream/PathUtil.h"
 #include "support/TestServers.h"
 
+using namespace tartest;
+
 namespace {
 
 std::wstring drivePath(size_t length) // C:\ddd...\d of exactly length units
@@ -21,9 +23,8 @@ std::wstring drivePath(size_t length) // C:\ddd...\d of exactly length units
     return path;
 }
 
-std::string read(const std::wstring& path) { return [&](std::string b) { return qvtest::readFile(path, b), b; }({}); }
-const std::string& gnuTar() { static const std::string bytes = read(tartest::workFolder(L"tar-archives\\gnu.tar")); return bytes; }
-std::string package(const wchar_t* name) { return read(qvtest::wwwDir() + L"\\" + name); }
+const std::string& gnuTar() { static const std::string bytes = contents(workFolder(L"tar-archives\\gnu.tar")); return bytes; }
+std::string package(const wchar_t* name) { return contents(qvtest::wwwDir() + L"\\" + name); }
 
 // Feeds input as the middle thread does: a write, then reads until nothing comes. The SDK's status of
 // the first failure, else of the end of input when atEnd, else 0.
@@ -43,14 +44,6 @@ uint32_t decode(LZMA2StreamWriterImp& stage, std::string_view in, size_t chunk, 
     }
     return atEnd && !stage.endOfInput() ? stage.lastStatus() : 0;
 }
-
-std::string saveRecord(Stream& stage)
-{
-    std::string record(stage.saveState(nullptr, nullptr), '\0');
-    uint64_t capacity = record.size();
-    return stage.saveState(reinterpret_cast<StreamStateHeader*>(record.data()), &capacity), record;
-}
-const StreamStateHeader* asRecord(const std::string& r) { return reinterpret_cast<const StreamStateHeader*>(r.data()); }
 
 } // namespace
 
@@ -188,7 +181,7 @@ TEST(FileSink, ResumesExactlyAtTheCheckpointedLength)
     ASSERT_TRUE(resumed.restoreState(asRecord(checkpoint)));
     EXPECT_EQ(static_cast<int64_t>(after.size()), write(resumed, after));
     resumed.close();
-    EXPECT_TRUE(read(path) == before + after);
+    EXPECT_TRUE(contents(path) == before + after);
 
     ASSERT_TRUE(qvtest::writeFile(path, std::string(100, 'q')));
     GenericFileStreamWriterImp shorter(path.c_str(), GenericFileStreamWriterImp::kKeepUntilRestored);
