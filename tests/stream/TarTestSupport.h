@@ -12,30 +12,19 @@
 
 #include "stream/Stream.h"
 
-class TARStreamWriterImp;
-
 namespace tartest {
 
-constexpr int64_t kTime = 1600000000;
+// 512 bytes with GNU magic, checksum and the time 1600000000.
+std::string headerBlock(const std::string& name, char type, uint64_t size, uint32_t mode = 0644, const std::string& link = {});
 
-struct Header {
-    Header(std::string n, char t = '0', uint64_t s = 0, uint32_t m = 0644, std::string l = {})
-        : name(std::move(n)), link(std::move(l)), type(t), size(s), mode(m) {}
-    std::string name, link;
-    char type;
-    uint64_t size;
-    uint32_t mode;
-};
-std::string headerBlock(const Header& header); // 512 bytes, GNU magic and checksum, time kTime
-
-class TarBuilder { // names and link targets over 100 bytes get a GNU 'L' or 'K' record first
+class TarBuilder { // data padded to whole blocks; names and link targets over 100 bytes get an 'L' or 'K' record first
 public:
     TarBuilder& file(const std::string& name, const std::string& data);
-    TarBuilder& folder(const std::string& name) { return entry({name, '5', 0, 0755}); }
+    TarBuilder& folder(const std::string& name) { return entry(name, '5', {}, 0755); }
     TarBuilder& hardLink(const std::string& name, const std::string& target) { return link(name, '1', target); }
     TarBuilder& symLink(const std::string& name, const std::string& target) { return link(name, '2', target); }
     TarBuilder& longText(char type, const std::string& text);
-    TarBuilder& entry(const Header& header, const std::string& data = {}); // data padded to whole blocks
+    TarBuilder& entry(const std::string& name, char type, const std::string& data = {}, uint32_t mode = 0644, const std::string& link = {});
     std::string bytes(bool endMarker = true) const { return endMarker ? data_ + std::string(1024, '\0') : data_; }
 
 private:
@@ -43,8 +32,7 @@ private:
     std::string data_;
 };
 
-// bytes[from, to) in chunks; false as soon as a write fails.
-bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size_t from = 0, size_t to = std::string::npos);
+bool feed(StreamWriter& sink, const std::string& bytes, size_t chunk, size_t from = 0, size_t to = std::string::npos); // false once a write fails
 
 struct TreeEntry { bool folder = false, readOnly = false; std::string content; int64_t mtime = 0; };
 std::map<std::string, TreeEntry> readTree(const std::wstring& root); // by "/"-separated UTF-8 relative path
