@@ -6,23 +6,181 @@
 #include <wininet.h>
 
 #include <algorithm>
+#include <atomic>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
 #include <sstream>
 
-#include "PipelineFakes.h"
+#include "QvDLMCodes.h"
 #include "TarTestSupport.h"
 #include "stream/GenericFileStreamWriterImp.h"
 #include "stream/HTTPStreamImp.h"
 #include "stream/LZMA2StreamWriterImp.h"
+#include "stream/StreamThreads.h"
 #include "stream/TARStreamWriterImp.h"
+#include "stream/TargetImp.h"
+#include "support/EventRecorder.h"
+#include "support/FakeRequest.h"
 #include "support/TestServers.h"
 
 namespace msg = qvdlm::msg;
 namespace event = qvdlm::event;
 namespace state = qvdlm::state;
+using namespace tartest;
 using qvtest::kPattern1Size;
 using qvtest::kPattern3Size;
 
 namespace {
+
+// The pipeline's one test double: a job whose state the test sets and that records what the stage threads
+// tell it (read after they ended), around real stages; retry waits are counted instead of slept.
+struct FakeJob final : PipelineJob {
+    explicit FakeJob(FakeRequest& request) : request_(request) {}
+    std::atomic<bool> stop{false};
+    std::atomic<uint32_t> state{qvdlm::state::Play}, gate{1}, controlThread{0};
+    std::atomic<int64_t> bytes{0}, total{0};
+    std::atomic<int> fallbacks{0}, pauses{0};
+    std::wstring failRestoreOf;           // the stage whose restore fails
+    Stream* sink = nullptr;               // the job's current sink after a block change
+    std::deque<uint32_t> validationCodes; // answered in turn; 0 once empty
+    std::vector<int64_t> blockLengths;    // the request's length once a block is validated
+    struct Checkpoint { std::wstring stage; uint32_t sequence; bool fromReader, fromWriter; };
+    std::vector<Checkpoint> checkpoints;
+    std::vector<uint32_t> statuses;
+    std::vector<std::wstring> restored;
+
+    bool stopRequested() override { return stop; }
+    uint32_t status() override { return state; }
+    void setJobStatus(uint32_t code) override { remember(statuses, code); }
+    DownloadRequest* request() override { return &request_; }
+    Download* download() override { return nullptr; }
+    void checkpoint(const wchar_t* stage, uint32_t n, Stream*, bool r, bool w) override { remember(checkpoints, Checkpoint{stage, n, r, w}); }
+    bool restoreStage(const wchar_t* stage, Stream*) override { return remember(restored, stage), failRestoreOf != stage; }
+    void addBytes(int64_t n) override { bytes += n; }
+    uint32_t controlThreadId() override { return controlThread; }
+    uint32_t startGate() override { return gate; }
+    Stream* currentSource() override { return nullptr; }
+    Stream* currentSink() override { return sink; }
+    void setBlockDownloadedSize(uint64_t size) override { request_.setBlockDownloadedSize(size); }
+    void addTotalDownloadedSize(int64_t delta) override { total += delta; }
+    uint32_t validateUrl() override // only the source thread validates
+    {
+        request_.setContentLength(blockLengths.at(static_cast<size_t>(request_.getBlockId())));
+        const uint32_t code = validationCodes.empty() ? 0 : validationCodes.front();
+        return validationCodes.empty() ? 0 : (validationCodes.pop_front(), code);
+    }
+    bool acceptValidation(uint32_t result) override { return result != qvdlm::validation::ProxyAuthRequired; }
+    const wchar_t* sourceUrl() override { return request_.getUrl(false); }
+    bool takeInterruption() override { return false; }
+    void fallBackToHttp() override { ++fallbacks, request_.setUseAkamai(false); }
+    template <typename T, typename V>
+    void remember(std::vector<T>& list, V value) { std::lock_guard<std::mutex> hold(mutex_); list.push_back(value); }
+    FakeRequest& request_;
+    std::mutex mutex_;
+};
+
+struct CountingServices final : ReaderServices {
+    std::atomic<int> sleeps{0}, reconnects{0};
+    std::vector<uint32_t> timeouts;
+    std::vector<int64_t> createdPositions;
+
+    StreamReader* createSource(const wchar_t* url, uint32_t start, int64_t at) override { return createdPositions.push_back(at), real().createSource(url, start, at); }
+    bool reconnect(Stream* source) override { return ++reconnects, real().reconnect(source); }
+    void setTimeouts(Stream* source, uint32_t ms) override { timeouts.push_back(ms), real().setTimeouts(source, ms); }
+    int64_t position(Stream* source) override { return real().position(source); }
+    uint32_t dataStart(Stream* source) override { return real().dataStart(source); }
+    void sleep(uint32_t) override { ++sleeps; }
+    static ReaderServices& real() { return httpReaderServices(); }
+};
+
+constexpr uint32_t kTimedOut = 0xFFFFFFFF;
+
+// Runs a body on its own thread; joins within a bound.
+struct StageThread {
+    explicit StageThread(std::function<uint32_t()> f) : body(std::move(f)), handle(CreateThread(nullptr, 0, entry, this, 0, &id)) {}
+    StageThread(const StageThread&) = delete;
+    std::function<uint32_t()> body;
+    DWORD id = 0;
+    HANDLE handle;
+    static DWORD WINAPI entry(void* self) { return static_cast<StageThread*>(self)->body(); }
+    ~StageThread() { join() == kTimedOut && (ADD_FAILURE() << "thread did not end", post(qvdlm::command::StopKeep)) && WaitForSingleObject(handle, 5000), CloseHandle(handle); }
+    uint32_t join(DWORD ms = 60000) { DWORD c = kTimedOut; return WaitForSingleObject(handle, ms) || !GetExitCodeThread(handle, &c) ? kTimedOut : c; }
+    bool post(UINT message) // fails until the thread made its queue
+    {
+        for (int i = 0; i < 2000; ++i, Sleep(1)) if (PostThreadMessageW(id, message, 0, 0)) return true;
+        return false;
+    }
+};
+
+// Source -> file sink, or source -> LZMA2 -> tar sink for a package, around a fake job, linked as the job
+// links them. Names of files in www stand for their nginx URLs.
+struct Pipeline {
+    FakeRequest request;
+    FakeJob job{request};
+    CountingServices services;
+    EventRecorder events;
+    qvtest::ScratchDir dir{L"pipeline"};
+    std::vector<std::unique_ptr<TargetImp>> targets;
+    std::unique_ptr<LinkRecorder> links;
+
+    explicit Pipeline(std::vector<std::wstring> urls, bool open = true)
+    {
+        for (auto& u : urls) {
+            job.blockLengths.push_back(static_cast<int64_t>(contents(qvtest::wwwDir() + L"\\" + u.substr(u.rfind(L'/') + 1)).size()));
+            u = u.find(L"://") == std::wstring::npos ? qvtest::nginxUrl(u) : u;
+        }
+        request.setBlocks(urls), request.setContentLength(job.blockLengths.at(0));
+        add(new HTTPStreamImp(request.getUrl(false), 0, 0), L"Http");
+        if (request.isLzma2Package() || request.isSfxPackage()) {
+            add(new LZMA2StreamWriterImp, L"Lzma");
+            add(new TARStreamWriterImp(dir.path().c_str()), L"xTar");
+            links = std::make_unique<LinkRecorder>(); // after the sink chose its link operation
+        } else {
+            add(new GenericFileStreamWriterImp((dir / L"out.bin").c_str()), L"File");
+        }
+        if (open) // as the job does before the threads start; a failure is left to the retry cycle
+            static_cast<HTTPStreamImp*>(targets[0]->streamData()->stage)->reconnect();
+    }
+    void add(Stream* stage, const wchar_t* name)
+    {
+        targets.push_back(std::make_unique<TargetImp>(&job, targets.empty() ? nullptr : targets.back().get()));
+        auto* writer = dynamic_cast<StreamWriter*>(stage);
+        LinkSpec spec{writer && writer->readerSide() ? 2u : 1u, {kLinkBufferSize, kLinkBufferSize}, {}, -1};
+        wcsncpy_s(spec.stageName, kStageNameLength, name, _TRUNCATE);
+        EXPECT_TRUE(targets.back()->configure(stage, &spec) && targets.back()->createBuffers());
+    }
+    // Exit codes, source first; the test thread stands in for the control thread. release: close the stages.
+    std::vector<uint32_t> run(bool release = true)
+    {
+        MSG m;
+        PeekMessageW(&m, nullptr, 0, 0, PM_NOREMOVE);
+        job.controlThread = GetCurrentThreadId();
+        std::vector<std::unique_ptr<StageThread>> threads;
+        for (size_t i = 0; i < targets.size(); ++i)
+            threads.push_back(std::make_unique<StageThread>([this, i] {
+                Target* t = targets[i].get();
+                return i == 0 ? runReaderStream(t, services) : i + 1 < targets.size() ? readerWriterStreamThread(t) : writerStreamThread(t);
+            }));
+        std::vector<uint32_t> codes;
+        for (auto& t : threads) {
+            while (MsgWaitForMultipleObjects(1, &t->handle, FALSE, 60000, QS_POSTMESSAGE) == WAIT_OBJECT_0 + 1)
+                while (PeekMessageW(&m, nullptr, 0, 0, PM_REMOVE))
+                    if (m.message == qvdlm::command::Pause && ++job.pauses)
+                        job.state = qvdlm::state::Paused;
+            codes.push_back(t->join(0));
+        }
+        threads.clear();
+        return release ? targets.clear() : void(), codes;
+    }
+    void abortOnError() // as the manager does
+    {
+        events.onEvent = [this](const EventRecorder::Entry& e) { if (e.kind == qvdlm::event::Error) job.state = qvdlm::state::Aborting, job.stop = true; };
+    }
+    std::string file() { return contents(dir / L"out.bin"); }
+    int count(uint32_t kind, uint32_t value) { return events.count(nullptr, kind, value); }
+};
 
 constexpr uint32_t kAny = 1; // any failure
 const std::wstring kClosedUrl = L"http://localhost:" + std::to_wstring(qvtest::port(19)) + L"/x.bin";
@@ -33,7 +191,6 @@ std::wstring pattern(size_t size, uint32_t seed, const std::wstring& faults = {}
     const std::wstring name = qvtest::patternFileName(size, seed);
     return faults.empty() ? qvtest::nginxUrl(name) : qvtest::faultUrl(L"file/" + name + L"?" + faults);
 }
-std::string contents(const std::wstring& path) { return [&](std::string b) { return qvtest::readFile(path, b), b; }({}); }
 
 // Reads until the end of the body or a failure, as the source thread does; the failure or 0.
 uint32_t readAll(HTTPStreamImp& stream, std::string& data)
@@ -44,38 +201,6 @@ uint32_t readAll(HTTPStreamImp& stream, std::string& data)
             return n == 0 ? 0 : stream.lastStatus();
     return ADD_FAILURE() << "body never ended", 0;
 }
-
-// Source -> file sink, or source -> LZMA2 -> tar sink for a package, as the job builds them. Names of
-// files in www stand for their nginx URLs.
-struct Pipeline : fakes::Rig {
-    qvtest::ScratchDir dir{L"pipeline"};
-    std::unique_ptr<tartest::LinkRecorder> links;
-
-    static std::pair<std::vector<std::wstring>, std::vector<int64_t>> blocks(std::vector<std::wstring> urls)
-    {
-        std::vector<int64_t> lengths;
-        for (auto& u : urls) {
-            lengths.push_back(static_cast<int64_t>(contents(qvtest::wwwDir() + L"\\" + u.substr(u.rfind(L'/') + 1)).size()));
-            u = u.find(L"://") == std::wstring::npos ? qvtest::nginxUrl(u) : u;
-        }
-        return {urls, lengths};
-    }
-    Pipeline(const std::vector<std::wstring>& urls, bool open = true) : Rig(blocks(urls).first, blocks(urls).second)
-    {
-        add(new HTTPStreamImp(request.getUrl(false), 0, 0), L"Http");
-        if (request.isLzma2Package() || request.isSfxPackage()) {
-            add(new LZMA2StreamWriterImp, L"Lzma");
-            add(new TARStreamWriterImp(dir.path().c_str()), L"xTar");
-            links = std::make_unique<tartest::LinkRecorder>(); // after the sink chose its link operation
-        } else {
-            add(new GenericFileStreamWriterImp((dir / L"out.bin").c_str()), L"File");
-        }
-        if (open) // as the job does before the threads start; a failure is left to the retry cycle
-            static_cast<HTTPStreamImp*>(targets[0]->streamData()->stage)->reconnect();
-    }
-    std::string file() { return contents(dir / L"out.bin"); }
-    int count(uint32_t kind, uint32_t value) { return events.count(nullptr, kind, value); }
-};
 
 } // namespace
 
@@ -141,7 +266,6 @@ TEST(Pipeline, PlainBlocksArriveWholeEachInTheJobsCurrentSinkAndBothEndsCheckpoi
     EXPECT_EQ(source, sink);
     for (uint32_t m : {msg::DownloadStarted, msg::UnpackageStarted, msg::DownloadCompleted, msg::UnpackageCompleted})
         EXPECT_EQ(1, p.count(event::Information, m)) << m;
-    EXPECT_TRUE(p.events.hasText(L"readerStreamThread exited (0)") && p.events.hasText(L"writerStreamThread exited (0)"));
 
     Pipeline refused({pattern(kPattern1Size, 1), pattern(kPattern3Size, 3)});
     refused.job.validationCodes = {qvdlm::validation::ProxyAuthRequired};
@@ -167,7 +291,7 @@ TEST(Pipeline, PackagesExtractOrFailCleanly)
         Pipeline p(row.blocks);
         p.abortOnError();
         const auto codes = p.run(false);
-        EXPECT_TRUE((codes[0] == 0 || (row.error && codes[0] == state::Aborting)) && codes[1] != fakes::kTimedOut &&
+        EXPECT_TRUE((codes[0] == 0 || (row.error && codes[0] == state::Aborting)) && codes[1] != kTimedOut &&
                     (row.middle == kIgnored || row.middle == codes[1]) && (row.sink == kIgnored || row.sink == codes[2]))
             << codes[0] << " " << codes[1] << " " << codes[2];
         EXPECT_EQ(row.error ? 1 : 0, p.count(event::Error, row.error));
@@ -176,7 +300,7 @@ TEST(Pipeline, PackagesExtractOrFailCleanly)
         const auto calls = p.links->calls();
         p.targets.clear(); // closes the sink's file
         if (!row.error)
-            tartest::expectTree(p.dir.path(), "gnu", &calls);
+            expectTree(p.dir.path(), "gnu", &calls);
         EXPECT_FALSE(qvtest::fileExists(p.dir / L"..\\evil.txt"));
     }
 }
@@ -200,7 +324,7 @@ TEST(Pipeline, RetryCycleWaitsLongerEachTimeThenPausesTheJob)
     p.request.setAuxRetryCount(0);
     p.abortOnError();
     const auto codes = p.run();
-    EXPECT_TRUE(codes[0] == state::Aborting && codes[1] != fakes::kTimedOut);
+    EXPECT_TRUE(codes[0] == state::Aborting && codes[1] != kTimedOut);
     EXPECT_EQ(1, p.job.pauses.load());
     // Six attempts (the limit of 5 and one more) after waits of 0, 10, 30, 70, 150 seconds.
     EXPECT_EQ(std::vector<uint32_t>({10000, 10000, 30000, 60000, 60000, 60000}), p.services.timeouts);
@@ -213,8 +337,8 @@ TEST(Pipeline, RetryCycleWaitsLongerEachTimeThenPausesTheJob)
 
 TEST(Pipeline, MockFailureNeverLeavesTheCycleThroughSuccessAndFallsBackToHttp)
 {
-    fakes::ScopedEnv mock{L"DLM_MOCK_FAILURE"};
-    SetEnvironmentVariableW(mock.name, L"tRuE");
+    struct Unset { ~Unset() { SetEnvironmentVariableW(L"DLM_MOCK_FAILURE", nullptr); } } unset;
+    SetEnvironmentVariableW(L"DLM_MOCK_FAILURE", L"tRuE");
     Pipeline p({pattern(kPattern3Size, 3, L"fin=20000")});
     p.job.state = state::Init;
     p.request.setRetryCount(2), p.request.setFallbackRetryCount(1), p.request.setAuxRetryCount(0), p.request.setUseAkamai(true);
@@ -243,16 +367,16 @@ TEST(Pipeline, StagesThatCannotStartOrAreStoppedReleaseTheirNeighbours)
         p.job.failRestoreOf = failing;
         const auto codes = p.run();
         for (size_t i = 0; i < 3; ++i)
-            EXPECT_TRUE(codes[i] != fakes::kTimedOut && (codes[i] == state::Aborting) == (p.job.gate == 2 || names[i] == failing));
+            EXPECT_TRUE(codes[i] != kTimedOut && (codes[i] == state::Aborting) == (p.job.gate == 2 || names[i] == failing));
         EXPECT_EQ(p.job.gate == 2 ? 3 : 1, p.count(event::StatusMessage, msg::RestoreFailed));
     }
     for (size_t alone : {0u, 1u, 2u}) { // waiting for a neighbour that never comes: a stop message ends the wait
         Pipeline p({L"pipeline-gnu.tar.lzma2"});
-        fakes::StageThread thread([&] {
+        StageThread thread([&] {
             return alone == 0 ? runReaderStream(p.targets[0].get(), p.services)
                               : (alone == 1 ? readerWriterStreamThread : writerStreamThread)(p.targets[alone].get());
         });
-        EXPECT_EQ(fakes::kTimedOut, thread.join(300)) << alone;
+        EXPECT_EQ(kTimedOut, thread.join(300)) << alone;
         p.job.state = state::Exiting, p.job.stop = true;
         ASSERT_TRUE(thread.post(alone == 1 ? qvdlm::command::AbortDiscard : qvdlm::command::StopKeep));
         EXPECT_EQ(state::Exiting, thread.join()) << alone;

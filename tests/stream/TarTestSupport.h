@@ -1,5 +1,5 @@
-// Tar archives built in memory with full control over each header, feeding a tar sink in chunks,
-// reading back an extracted tree and comparing it with the tree that GNU tar packed.
+// Stream test helpers: tar archives built header by header, a tar sink fed in chunks, extracted trees
+// read back and compared with the tree GNU tar packed, checkpoint records, files read whole.
 #pragma once
 
 #include <windows.h>
@@ -10,33 +10,21 @@
 #include <utility>
 #include <vector>
 
-class TARStreamWriterImp;
+#include "stream/Stream.h"
 
 namespace tartest {
 
-constexpr int64_t kTime = 1600000000;
+// 512 bytes with GNU magic, checksum and the time 1600000000.
+std::string headerBlock(const std::string& name, char type, uint64_t size, uint32_t mode = 0644, const std::string& link = {});
 
-struct Header {
-    Header(std::string n = {}, char t = '0', uint64_t s = 0, uint32_t m = 0644, int64_t time = kTime, std::string l = {})
-        : name(std::move(n)), link(std::move(l)), type(t), size(s), mode(m), mtime(time) {}
-    std::string name, link;
-    char type;
-    uint64_t size;
-    uint32_t mode;
-    int64_t mtime;
-};
-
-std::string headerBlock(const Header& header); // 512 bytes, GNU magic and checksum
-
-class TarBuilder {
+class TarBuilder { // data padded to whole blocks; names and link targets over 100 bytes get an 'L' or 'K' record first
 public:
-    // Names and link targets over 100 bytes get a GNU long-name ('L') or long-link ('K') record first.
-    TarBuilder& file(const std::string& name, const std::string& data, uint32_t mode = 0644, int64_t mtime = kTime);
-    TarBuilder& folder(const std::string& name) { return entry({name, '5', 0, 0755}); }
+    TarBuilder& file(const std::string& name, const std::string& data);
+    TarBuilder& folder(const std::string& name) { return entry(name, '5', {}, 0755); }
     TarBuilder& hardLink(const std::string& name, const std::string& target) { return link(name, '1', target); }
     TarBuilder& symLink(const std::string& name, const std::string& target) { return link(name, '2', target); }
     TarBuilder& longText(char type, const std::string& text);
-    TarBuilder& entry(const Header& header, const std::string& data = {}); // data padded to whole blocks
+    TarBuilder& entry(const std::string& name, char type, const std::string& data = {}, uint32_t mode = 0644, const std::string& link = {});
     std::string bytes(bool endMarker = true) const { return endMarker ? data_ + std::string(1024, '\0') : data_; }
 
 private:
@@ -44,32 +32,31 @@ private:
     std::string data_;
 };
 
-// bytes[from, to) in chunks; false as soon as a write fails.
-bool feed(TARStreamWriterImp& sink, const std::string& bytes, size_t chunk, size_t from = 0,
-          size_t to = std::string::npos);
+bool feed(StreamWriter& sink, const std::string& bytes, size_t chunk, size_t from = 0, size_t to = std::string::npos); // false once a write fails
 
-struct TreeEntry {
-    bool folder = false, readOnly = false;
-    std::string content;
-    int64_t mtime = 0; // seconds since 1970
-};
+struct TreeEntry { bool folder = false, readOnly = false; std::string content; int64_t mtime = 0; };
+std::map<std::string, TreeEntry> readTree(const std::wstring& root); // by "/"-separated UTF-8 relative path
 
-// Everything below root by "/"-separated UTF-8 relative path (paths of any length).
-std::map<std::string, TreeEntry> readTree(const std::wstring& root);
-
-// While alive, symbolic links are recorded, not made. Make it after the sink, which chooses the operation.
-struct LinkRecorder {
+struct LinkRecorder { // while alive, symbolic links are recorded, not made; make it after the sink
     LinkRecorder();
     ~LinkRecorder();
     std::vector<std::pair<std::wstring, std::wstring>> calls() const;
 };
 
-// A folder of the test work area (QVDLM_TEST_WORK) as a Wine path, e.g. "tar-archives".
-std::wstring workFolder(const std::wstring& name);
+std::wstring workFolder(const std::wstring& name); // of the test work area, as a Wine path
+std::string contents(const std::wstring& path);
 
-// The tree below dest as extracted from tar-archives/<format>.tar: the tree that GNU tar packed, file
-// for file with times and read-only attributes; its symbolic links as calls recorded in links.
-void expectTree(const std::wstring& dest, const std::string& format,
-                const std::vector<std::pair<std::wstring, std::wstring>>* links);
+// The tree below dest is the one GNU tar packed into tar-archives/<format>.tar, with times and
+// read-only attributes; its symbolic links are the calls in links.
+void expectTree(const std::wstring& dest, const std::string& format, const std::vector<std::pair<std::wstring, std::wstring>>* links);
+
+template <typename Stage>
+std::string saveRecord(Stage& stage)
+{
+    std::string record(stage.saveState(nullptr, nullptr), '\0');
+    uint64_t capacity = record.size();
+    return stage.saveState(reinterpret_cast<StreamStateHeader*>(record.data()), &capacity) == record.size() ? record : "";
+}
+inline const StreamStateHeader* asRecord(const std::string& r) { return reinterpret_cast<const StreamStateHeader*>(r.data()); }
 
 } // namespace tartest
