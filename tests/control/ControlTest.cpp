@@ -1,6 +1,5 @@
-// The download job and its manager over stand-in stages and the library's own store, for what whole
-// downloads (EndToEndTest.cpp, KillTest.cpp) do not reach: workers' failures, the manager's reactions to
-// messages, its queue, restore by stored state, and version and space checks.
+// The job and its manager over stand-in stages and the library's own store, for what whole downloads do not
+// reach: workers' failures, the manager's reactions to messages, its queue, restore by state, version and space checks.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -21,11 +20,10 @@ namespace {
 
 FakeStore* g_store = nullptr;
 DownloadRequestLog* theStore() { return g_store; }
-// URLs naming "gone" fail to open, those naming "forbidden" are refused.
-unsigned long validate(DownloadRequest* r)
+unsigned long validate(DownloadRequest* r) // URLs naming "gone" fail to open, those naming "forbidden" are refused
 {
     const std::wstring url = r->getOriginalUrl();
-    return url.find(L"gone") != std::wstring::npos ? validation::OpenFailure
+    return url.find(L"gone") != std::wstring::npos        ? validation::OpenFailure
            : url.find(L"forbidden") != std::wstring::npos ? validation::Forbidden : 0;
 }
 
@@ -37,7 +35,6 @@ protected:
         store.open((scratch / L"store\\download.info").c_str());
         manager = std::make_unique<DownloadMgrImp>(env);
     }
-    void TearDown() override { manager.reset(); }
     // A request for name working in scratch\dest (or scratch\<dest> when given).
     FakeRequest* request(const std::wstring& name, const std::wstring& dest = L"dest")
     {
@@ -60,13 +57,7 @@ protected:
 
 TEST_F(Control, AJobEndsAsItsWorkersSay)
 {
-    const struct {
-        const char* what;
-        int steps;
-        uint32_t sourceExit, sinkExit, checkpointId;
-        bool opens;
-        uint32_t state, status;
-    } rows[] = {
+    const struct { const char* what; int steps; uint32_t sourceExit, sinkExit, checkpointId; bool opens; uint32_t state, status; } rows[] = {
         {"a worker's error code becomes the status", 2, 0, 0x28000002, 0, true, 0, 0x28000002},
         {"a worker ending as aborting aborts", 2, state::Aborting, 0, 0, true, state::Aborted, 0},
         {"a stored checkpoint that cannot be read cancels the start", -1, 0, 0, 3, true, state::Aborted, 0},
@@ -75,28 +66,24 @@ TEST_F(Control, AJobEndsAsItsWorkersSay)
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
         FakeStages local;
-        local.source = {row.steps, row.sourceExit};
-        local.sink = {row.steps, row.sinkExit, row.opens};
+        local.source = {row.steps, row.sourceExit}, local.sink = {row.steps, row.sinkExit, row.opens};
         FakeRequest* r = request(L"job" + std::to_wstring(&row - rows), L"QV_" + std::to_wstring(&row - rows));
         r->setCheckpointId(row.checkpointId);
         std::unique_ptr<DownloadImp> d(makeDownload(r, nullptr, fakeEnvironment(&local, &theStore)));
         ASSERT_TRUE(d->buildPipeline() && d->start() && d->waitForControlThread(10000));
-        EXPECT_EQ(d->getState(), row.state);
-        EXPECT_EQ(d->getStatus(), row.status);
-        EXPECT_EQ(qvtest::fileExists(r->getDestDir()), row.state == state::Play);
-        EXPECT_EQ(events.has(d.get(), event::StateChange, state::Pending), row.state == state::Play);
+        EXPECT_EQ(std::make_pair(d->getState(), d->getStatus()), std::make_pair(row.state, row.status));
+        EXPECT_TRUE(qvtest::fileExists(r->getDestDir()) == (row.state == state::Play) &&
+                    events.has(d.get(), event::StateChange, state::Pending) == (row.state == state::Play));
     }
     // Without a control thread a pause acts at once and only once, and an abort leaves a folder that is
     // not a working folder alone; a destination that cannot be made fails the build.
     events.clear();
     std::unique_ptr<DownloadImp> own(makeDownload(request(L"own.bin", L"mine"), nullptr, env));
     ASSERT_TRUE(own->buildPipeline() && qvtest::writeFile(scratch / L"mine\\keep.txt", "k"));
-    EXPECT_TRUE(own->pause() && !own->pause());
-    EXPECT_EQ(events.values(own.get(), event::StateChange), std::vector<uint64_t>{state::Paused});
+    EXPECT_TRUE(own->pause() && !own->pause() && events.values(own.get(), event::StateChange) == std::vector<uint64_t>{state::Paused});
     EXPECT_TRUE(own->abort(true) && qvtest::fileExists(scratch / L"mine\\keep.txt"));
     std::unique_ptr<DownloadImp> lost(makeDownload(request(L"x.bin", L"missing\\deeper\\QV_x.tmp"), nullptr, env));
-    EXPECT_FALSE(lost->buildPipeline());
-    EXPECT_TRUE(lost->getStatus() == status::SetupFailed && lost->getState() == state::Aborted);
+    EXPECT_TRUE(!lost->buildPipeline() && lost->getStatus() == status::SetupFailed && lost->getState() == state::Aborted);
 }
 
 TEST_F(Control, TheManagerReactsToItsDownloadsMessages)
@@ -110,16 +97,14 @@ TEST_F(Control, TheManagerReactsToItsDownloadsMessages)
     for (const auto& [message, expected] : reactions) {
         publishEvent(d, event::StatusMessage, message);
         EXPECT_EQ(d->getStatus(), expected) << message;
-        EXPECT_TRUE(message != msg::NetworkConnecting || reaches(d, state::Init));
-        EXPECT_TRUE(message != msg::NetworkConnected || running(d));
+        EXPECT_TRUE((message != msg::NetworkConnecting || reaches(d, state::Init)) && (message != msg::NetworkConnected || running(d)));
     }
     const std::pair<uint32_t, uint32_t> failures[] = {{event::StatusMessage, msg::RestoreFailed}, {event::Error, msg::UnpackageFailed}};
     for (const auto& [kind, message] : failures) {
         Download* x = manager->addDownload(request(L"m" + std::to_wstring(message)));
         ASSERT_TRUE(manager->startDownload(x) && running(x));
         publishEvent(x, kind, message);
-        EXPECT_TRUE(reaches(x, state::Aborted)) << message;
-        EXPECT_FALSE(qvtest::fileExists(x->getRequest()->getDestDir()));
+        EXPECT_TRUE(reaches(x, state::Aborted) && !qvtest::fileExists(x->getRequest()->getDestDir())) << message;
     }
 }
 
@@ -127,27 +112,22 @@ TEST_F(Control, TheFourthWaitsForACompletionNotAPauseAndDestroyingDiscardsTheRun
 {
     manager->setMaxActive(257); // ignored
     Download* d[4];
-    for (int i = 0; i < 4; ++i)
-        ASSERT_NE(d[i] = manager->addDownload(request(L"q" + std::to_wstring(i))), nullptr);
-    for (int i = 0; i < 4; ++i)
-        EXPECT_EQ(manager->startDownload(d[i]), i < 3);
+    for (int i = 0; i < 4; ++i) // three run at most
+        EXPECT_EQ(manager->startDownload(d[i] = manager->addDownload(request(L"q" + std::to_wstring(i)))), i < 3);
     ASSERT_TRUE(reaches(d[0], state::Play) && manager->control(d[0], command::Pause) && reaches(d[0], state::Paused));
-    Sleep(100);
-    EXPECT_EQ(d[3]->getState(), state::Pending);
+    EXPECT_FALSE(waitUntil([&] { return d[3]->getState() != state::Pending; }, 100));
     for (Stream* stage : {dynamic_cast<DownloadImp*>(d[1])->currentSource(), dynamic_cast<DownloadImp*>(d[1])->currentSink()})
         static_cast<FakeStage*>(stage)->plan.steps = 0; // d[1] finishes by itself
     ASSERT_TRUE(reaches(d[1], state::Completed) && reaches(d[3], state::Play));
     const std::wstring working = d[3]->getRequest()->getDestDir();
-    manager.reset();
-    EXPECT_FALSE(qvtest::fileExists(working));
+    EXPECT_FALSE((manager.reset(), qvtest::fileExists(working)));
 }
 
 TEST_F(Control, RestoreRemakesStoredDownloadsByTheirStatesAndStartsThoseToGoOn)
 {
     const std::map<std::wstring, std::pair<uint32_t, uint32_t>> rows = { // stored state -> restored state
-        {L"playing", {state::Play, state::Init}},  {L"gone", {state::Play, state::Aborted}},
-        {L"newer", {state::Play, state::Aborted}}, {L"completing", {state::Completing, 0}},
-        {L"paused", {state::Paused, state::Paused}}, {L"aborting", {state::Aborting, state::Aborted}}};
+        {L"playing", {state::Play, state::Init}}, {L"gone", {state::Play, state::Aborted}}, {L"newer", {state::Play, state::Aborted}},
+        {L"completing", {state::Completing, 0}}, {L"paused", {state::Paused, state::Paused}}, {L"aborting", {state::Aborting, state::Aborted}}};
     for (const auto& [name, states] : rows) {
         std::unique_ptr<FakeRequest> r(request(name, L"dest\\QV_" + name));
         r->setVersion(name == L"newer" ? L"1.3" : L"1.2");
@@ -184,15 +164,13 @@ TEST_F(Control, TheManagerChecksVersionsSpaceAndItsDefaultFolder)
     EXPECT_EQ(manager->checkRequest(&refused), validation::Forbidden);
     ASSERT_NE(manager->addDownload(request(L"a.bin")), nullptr);
     EXPECT_EQ(manager->checkRequest(&probe), validation::AlreadyAdded);
-    FakeRequest* huge = request(L"huge.bin"); // more than any disk holds
-    huge->setUncompressedSize(0x4000000000000000ull);
+    FakeRequest* huge = request(L"huge.bin");
+    huge->setUncompressedSize(0x4000000000000000ull); // more than any disk holds
     Download* dh = manager->addDownload(huge);
     EXPECT_FALSE(manager->control(dh, command::Start) || dh->getState() != state::Paused);
     EXPECT_TRUE(dh->getStatus() == status::OutOfDiskSpace && events.has(dh, event::StatusMessage, msg::OutOfDiskSpace));
-    std::wstring tooLong = scratch.path() + L"\\";
-    tooLong.append(247 - tooLong.size(), L'd');
-    SetLastError(0);
-    EXPECT_TRUE(!manager->addDownload(request(L"long.bin", tooLong.substr(scratch.path().size() + 1))) && GetLastError() == 111u);
+    SetLastError(0); // a destination of 247 characters is too long
+    EXPECT_TRUE(!manager->addDownload(request(L"long.bin", std::wstring(246 - scratch.path().size(), L'd'))) && GetLastError() == 111u);
     FakeRequest* noDrive = request(L"c");
     noDrive->setDestDir((scratch.path().substr(2) + L"\\nodrive").c_str()); // rooted, without a drive letter
     noDrive->setUncompressedSize(1000);
@@ -204,7 +182,7 @@ TEST_F(Control, TheManagerChecksVersionsSpaceAndItsDefaultFolder)
     wchar_t buffer[300] = {};
     const std::wstring expected = qvtest::env(L"SystemDrive") + L"\\Quorvel";
     EXPECT_TRUE(manager->getDefaultDestDir(buffer, 300) == expected.size() && buffer == expected) << qvtest::narrow(buffer);
-    std::string bytes;
+    std::string bytes; // the store is made again, in UTF-16
     EXPECT_TRUE(qvtest::readFile(store.getPath(), bytes) && bytes.rfind("\xFF\xFE", 0) == 0);
     EXPECT_EQ(manager->getDefaultDestDir(buffer, 3), 0xFFFFFFFFu);
 }

@@ -22,10 +22,8 @@ bool sameFile(const std::wstring& expected, const std::wstring& actual)
     ::testing::AssertionResult result = ::testing::AssertionSuccess();
     do {
         const std::wstring name = data.cFileName, a = expected + L"\\" + name, b = actual + L"\\" + name;
-        if (name == L"." || name == L"..")
-            continue;
         if (data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY)
-            result = sameTree(a, b);
+            result = name == L"." || name == L".." ? result : sameTree(a, b);
         else if (!sameFile(a, b))
             result = ::testing::AssertionFailure() << "differs: " << qvtest::narrow(b);
     } while (result && FindNextFileW(find, &data));
@@ -37,9 +35,7 @@ bool hasEntry(const std::wstring& folder, const std::wstring& prefix)
 {
     WIN32_FIND_DATAW data;
     HANDLE find = FindFirstFileW(longPath(folder + L"\\" + prefix + L"*").c_str(), &data);
-    if (find != INVALID_HANDLE_VALUE)
-        FindClose(find);
-    return find != INVALID_HANDLE_VALUE;
+    return find != INVALID_HANDLE_VALUE && FindClose(find);
 }
 
 bool waitFor(const std::function<bool()>& done, DWORD timeoutMs)

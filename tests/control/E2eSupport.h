@@ -14,14 +14,12 @@
 
 namespace e2e {
 
-// The folder of the download tests' files, and a URL that serves one of them (path may carry a query).
-std::wstring servedFolder();
-std::wstring serverUrl(const std::wstring& path);
+std::wstring servedFolder();                      // the folder of the download tests' files
+std::wstring serverUrl(const std::wstring& path); // a URL that serves one of them (path may carry a query)
 bool sameFile(const std::wstring& expected, const std::wstring& actual);
 // Every file under expected has a byte-identical twin under actual (extra files in actual are allowed).
 ::testing::AssertionResult sameTree(const std::wstring& expected, const std::wstring& actual);
-// Whether folder holds an entry whose name begins with prefix.
-bool hasEntry(const std::wstring& folder, const std::wstring& prefix);
+bool hasEntry(const std::wstring& folder, const std::wstring& prefix); // an entry whose name begins with prefix
 bool waitFor(const std::function<bool()>& done, DWORD timeoutMs);
 
 } // namespace e2e

@@ -37,17 +37,3 @@ uint32_t __stdcall FakeStages::thread(void* parameter)
     stage->setLastStatus(code);
     return code;
 }
-
-bool waitUntil(const std::function<bool()>& done, DWORD timeoutMs)
-{
-    for (const ULONGLONG end = GetTickCount64() + timeoutMs; !done(); Sleep(5))
-        if (GetTickCount64() > end)
-            return done();
-    return true;
-}
-
-JobEnvironment fakeEnvironment(FakeStages* stages, DownloadRequestLog* (*store)(),
-                               unsigned long (*validate)(DownloadRequest*))
-{
-    return JobEnvironment{stages, store, validate};
-}

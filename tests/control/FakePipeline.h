@@ -11,15 +11,13 @@
 #include "control/JobEnvironment.h"
 #include "stream/Stream.h"
 
-// How one stand-in stage behaves in its worker.
-struct StagePlan {
-    int steps = -1;            // loop rounds before ending by itself; -1: until stopped
-    uint32_t exitCode = 0;     // code with which it ends by itself
+struct StagePlan { // how one stand-in stage behaves in its worker
+    int steps = -1;        // loop rounds before ending by itself; -1: until stopped
+    uint32_t exitCode = 0; // code with which it ends by itself
     bool createBuffersOk = true;
 };
 
-// A stage without a snapshot of its own.
-class FakeStage final : public StreamWriter {
+class FakeStage final : public StreamWriter { // a stage without a snapshot of its own
 public:
     explicit FakeStage(StagePlan plan) : plan(plan) {}
     void close() override {}
@@ -36,8 +34,7 @@ public:
     ~FakeTarget() override { delete data_.stage; }
     bool configure(Stream* stage, const LinkSpec* spec) override
     {
-        data_.stage = stage;
-        data_.linkCount = spec->linkCount;
+        data_.stage = stage, data_.linkCount = spec->linkCount;
         return wcsncpy_s(data_.stageName, kStageNameLength, spec->stageName, _TRUNCATE) == 0;
     }
     bool createBuffers() override { return static_cast<FakeStage*>(data_.stage)->plan.createBuffersOk; }
@@ -68,9 +65,13 @@ public:
     std::atomic<int> connects{0};
 };
 
-// Polls until done() holds or the time is up; answers done().
-bool waitUntil(const std::function<bool()>& done, DWORD timeoutMs = 10000);
-
+inline bool waitUntil(const std::function<bool()>& done, DWORD timeoutMs = 10000) // polls until done() holds or the time is up
+{
+    for (const ULONGLONG end = GetTickCount64() + timeoutMs; !done(); Sleep(5))
+        if (GetTickCount64() > end)
+            return done();
+    return true;
+}
 // An environment of stand-in stages over the given store (or none) and validation (null: valid).
-JobEnvironment fakeEnvironment(FakeStages* stages, DownloadRequestLog* (*store)() = nullptr,
-                               unsigned long (*validate)(DownloadRequest*) = nullptr);
+inline JobEnvironment fakeEnvironment(FakeStages* stages, DownloadRequestLog* (*store)() = nullptr,
+                                      unsigned long (*validate)(DownloadRequest*) = nullptr) { return {stages, store, validate}; }

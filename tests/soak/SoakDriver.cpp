@@ -1,18 +1,13 @@
-// The client process of the soak and the kill test: it runs one download through the public interface
-// only (or restores the stored ones in a new process) and prints its progress on standard output. It
-// ends itself with TerminateProcess, the abrupt end of a crash or a killed installer, as soon as the file
-// DIE exists, or once it holds N bytes when DIE is "@N"; the soak also kills it from outside.
-//
+// The client process of the soak and the kill test: one download through the public interface only (or the
+// stored ones restored in a new process), its progress on standard output. It ends itself with TerminateProcess
+// (a crash, a killed installer) once the file DIE exists, or once it holds N bytes when DIE is "@N".
 //   soak_driver start STORE URL DEST SAVE_INTERVAL DIE LIMIT_S [PROXY_USER PROXY_PASSWORD]
-//   soak_driver resume STORE DIE LIMIT_S
-//   soak_driver forget PROXY_HOST
-//
-// With proxy credentials, "start" first hands them to the proxy lookup (as an installer that asks its
-// user up front), which keeps them in the credential store for later processes' answers to a 407;
-// "forget" removes them again. Lines: "R <bytes>" after a restore, "P <bytes> <state>" whenever
-// something moved (at least twice a second), "KILL <bytes>" just before TerminateProcess, and at the
-// end "DONE <state> <status>" (exit code 0 when completed), "DONE timeout" after LIMIT_S seconds,
-// "DONE none" without a download, "DONE proxy <status>" when the lookup refused the credentials.
+//   soak_driver resume STORE DIE LIMIT_S  |  soak_driver forget PROXY_HOST
+// "start" hands proxy credentials to the proxy lookup first, which keeps them in the credential store for
+// later processes' answers to a 407; "forget" removes them. Lines: "R <bytes>" after a restore, "P <bytes>
+// <state>" when something moved (at least twice a second), "KILL <bytes>" before TerminateProcess, and at the
+// end "DONE <state> <status>" (exit code 0 when completed), "DONE timeout", "DONE none" (no download) or
+// "DONE proxy <status>" (the lookup refused the credentials).
 #include <windows.h>
 
 #include <cstdio>
@@ -26,32 +21,25 @@ namespace {
 
 std::string utf8(const wchar_t* text)
 {
-    std::string out(static_cast<size_t>(WideCharToMultiByte(CP_UTF8, 0, text, -1, nullptr, 0, nullptr, nullptr)), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text, -1, out.data(), static_cast<int>(out.size()), nullptr, nullptr);
-    return out.c_str();
+    char out[2048] = {};
+    WideCharToMultiByte(CP_UTF8, 0, text, -1, out, sizeof(out) - 1, nullptr, nullptr);
+    return out;
 }
 
-int done(const char* text, int code)
-{
-    std::printf("DONE %s\n", text);
-    std::fflush(stdout);
-    return code;
-}
+int done(const char* text, int code) { return std::printf("DONE %s\n", text), std::fflush(stdout), code; }
 
 int follow(DownloadMgr* manager, const wchar_t* die, DWORD limitMs)
 {
     const uint64_t killAt = die[0] == L'@' ? std::wcstoull(die + 1, nullptr, 10) : UINT64_MAX;
-    uint64_t lastHeld = UINT64_MAX;
+    uint64_t lastHeld = UINT64_MAX, lastLine = 0;
     unsigned lastState = 0;
-    ULONGLONG lastLine = 0;
     for (const ULONGLONG end = GetTickCount64() + limitMs; GetTickCount64() < end; Sleep(10)) {
         Download* last = nullptr;
         uint64_t held = 0;
         bool ended = true;
         for (Download* d : manager->getDownloads()) {
             const unsigned s = d->getState();
-            last = d;
-            held = d->getDownloadedSize();
+            last = d, held = d->getDownloadedSize();
             if (held != lastHeld || s != lastState || GetTickCount64() - lastLine > 500) {
                 std::printf("P %llu %u\n", static_cast<unsigned long long>(held), s);
                 lastHeld = held, lastState = s, lastLine = GetTickCount64();
@@ -64,11 +52,8 @@ int follow(DownloadMgr* manager, const wchar_t* die, DWORD limitMs)
         if (ended)
             return done((std::to_string(last->getState()) + " " + std::to_string(last->getStatus())).c_str(),
                         last->getState() == qvdlm::state::Completed ? 0 : 1);
-        if (held >= killAt || (killAt == UINT64_MAX && GetFileAttributesW(die) != INVALID_FILE_ATTRIBUTES)) {
-            std::printf("KILL %llu\n", static_cast<unsigned long long>(held));
-            std::fflush(stdout);
-            TerminateProcess(GetCurrentProcess(), 9);
-        }
+        if (held >= killAt || (killAt == UINT64_MAX && GetFileAttributesW(die) != INVALID_FILE_ATTRIBUTES))
+            std::printf("KILL %llu\n", static_cast<unsigned long long>(held)), std::fflush(stdout), TerminateProcess(GetCurrentProcess(), 9);
     }
     return done("timeout", 2);
 }

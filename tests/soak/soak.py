@@ -1,11 +1,7 @@
 #!/usr/bin/env python3
-"""Fault-tolerance soak: a multi-block LZMA2 tar package is downloaded by soak_driver.exe under Wine from
-the fault server (tests/fixtures/faultserver.py, an instance of its own), which drops connections (FIN,
-RST), stalls past the receive time-out, answers 500 and, in proxy runs, plays the client's proxy whose
-login expires (407), while the client process is killed (TerminateProcess from inside, SIGKILL from
-outside, again just after a restore) and restored by a new process. Every run must end completed with a
-tree byte-identical to the package's source. A run's schedule comes from its seed and mix alone:
-  soak.py --build BUILD --seed SEED --mix MIX   (--short: the ctest runs; --full: 100 kills in 20 runs)
+"""Fault-tolerance soak (README.md): soak_driver.exe fetches a multi-block package under Wine from a fault
+server of its own, through the faults and kills that a run's seed and mix alone schedule; every run must end
+completed with a tree byte-identical to the source. Default: the ctest runs; --full: 100 kills in 20 runs.
 A mix counts k kills, e early kills, f FINs, r resets, s stalls, h single and H double 500 answers, p
 expired proxy logins (any p makes the run go through the proxy)."""
 import argparse, contextlib, filecmp, functools, json, os, queue, random, re, shutil, signal, subprocess, sys, threading, time
@@ -20,15 +16,16 @@ PROXY = ("127.0.0.1", "soaker", "Pr0xy-soak-pw")  # not the URL's host: Wine wou
 KILLS = ("terminate", "sigkill", "early")
 
 
-class Failure(Exception):
-    pass
-
-
-log = functools.partial(print, flush=True)
+Failure, log = type("Failure", (Exception,), {}), functools.partial(print, flush=True)
 
 
 def win(path):  # the Wine path of a Linux one
     return "Z:" + os.path.abspath(path).replace("/", "\\")
+
+
+def wine(build, *cmd, **kw):  # a Windows program under Wine, in a session of its own
+    return (subprocess.Popen if kw.pop("popen", False) else subprocess.run)(
+        [os.path.join(build, "wine-run")] + list(cmd), stdin=subprocess.DEVNULL, start_new_session=True, **kw)
 
 
 def make_package(work):
@@ -39,8 +36,7 @@ def make_package(work):
     if os.path.exists(stamp):
         return src, www, names
     shutil.rmtree(src, ignore_errors=True), shutil.rmtree(www, ignore_errors=True)
-    rnd = random.Random(77)
-    words = [b"alpha ", b"beta ", b"gamma ", b"tarnwick ", b"quorvel ", b"\n"]
+    rnd, words = random.Random(77), [b"alpha ", b"beta ", b"gamma ", b"tarnwick ", b"quorvel ", b"\n"]
     files = {"readme.txt": 5000, "data/words.txt": 5 * 1024 * 1024 + 1, "data/empty.txt": 0,
              "d" * 50 + "/" + "e" * 50 + "/long-" + "f" * 60 + ".txt": 1234}
     files.update({"notes/n%03d.txt" % i: rnd.randrange(1, 3000) for i in range(120)})
@@ -97,47 +93,40 @@ def schedule(seed, mix, total, names):
     return events, [(names[b], n) for b, n in zip(rnd.sample(range(1, len(names)), len(wanted)), wanted)]
 
 
-class Driver:
-    """One soak_driver.exe under Wine, its output read line by line."""
-
+class Driver:  # one soak_driver.exe under Wine, its output read line by line
     def __init__(self, args, cmd, err, proxied):
         env = {k: v for k, v in os.environ.items() if k.lower() not in ("http_proxy", "https_proxy", "no_proxy")}
         env.update({"QRVL_QRVL_WPAD_PROXY_CHECK": "FALSE"}, **({"http_proxy": "http://%s:%d" % (PROXY[0], args.port)} if proxied else {}))
         with open(err, "ab") as stderr:
-            self.process = subprocess.Popen([os.path.join(args.build, "wine-run"), os.path.join(args.build, "bin", "soak_driver.exe")]
-                                            + cmd, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=stderr,
-                                            start_new_session=True, env=env)
+            self.process = wine(args.build, args.driver, *cmd, popen=True, stdout=subprocess.PIPE, stderr=stderr, env=env)
         self.lines = queue.Queue()
         threading.Thread(target=lambda: [self.lines.put(raw.decode(errors="replace").strip()) for raw in self.process.stdout]
                          + [self.lines.put(None)], daemon=True).start()
 
     def line(self):
-        try:
+        with contextlib.suppress(queue.Empty):
             return self.lines.get(timeout=0.02)
-        except queue.Empty:
-            return ""
+        return ""
 
     def kill(self):  # the Wine loader execs into the Windows process: this pid is the process itself
         with contextlib.suppress(ProcessLookupError):
             os.kill(self.process.pid, signal.SIGKILL)
 
     def finish(self):
-        try:
+        with contextlib.suppress(subprocess.TimeoutExpired):
             return self.process.wait(20)
-        except subprocess.TimeoutExpired:
-            self.kill()
-            return self.process.wait(10)
+        self.kill()
+        return self.process.wait(10)
 
 
 def run(args, control, src, names, index, seed, mix, deadline):
     proxied, total = "p" in mix, sum(os.path.getsize(os.path.join(args.work, "www", n)) for n in names)
     events, answers = schedule(seed, mix, total, names)
     kills = [e for e in events if e["kind"] in KILLS]
-    log("run %d: seed %d mix %s, %d bytes in %d blocks; replay: tests/soak/run --seed %d --mix %s"
+    log("run %d: seed %d mix %s, %d bytes in %d blocks; replay: tests/soak/soak.py --seed %d --mix %s"
         % (index, seed, mix, total, len(names), seed, mix))
     log("  schedule: " + ", ".join(["%s@%d" % (e["kind"], e["at"]) for e in events] + ["http500x%d@%s" % a[::-1] for a in answers]))
-    folder = os.path.join(args.work, "run-%d-%d" % (index, seed))
-    shutil.rmtree(folder, ignore_errors=True)
+    shutil.rmtree(folder := os.path.join(args.work, "run-%d-%d" % (index, seed)), ignore_errors=True)
     os.makedirs(folder)
     store, dest, die = win(os.path.join(folder, "store", "download.info")), os.path.join(folder, "dest"), os.path.join(folder, "die")
     control("/__reset?rate=%d&blocks=%s%s" % (RATE, ",".join(names), "&proxy=1" if proxied else ""))
@@ -161,12 +150,9 @@ def run(args, control, src, names, index, seed, mix, deadline):
                 high = json.loads(control("/__report"))["high"]
                 killed = (restored is not None and now - restored >= target["delay"] if target["kind"] == "early"
                           else high >= target["at"] and (high > high0 or now - started >= 1.5 and high0 >= total))
-                if killed:
+                if killed:  # a terminate leaves the file at which the driver ends itself
                     control("/__mark?kind=" + target["kind"])
-                    if target["kind"] == "terminate":
-                        open(die, "w").close()  # the driver ends itself at its next look
-                    else:
-                        driver.kill()
+                    open(die, "w").close() if target["kind"] == "terminate" else driver.kill()
             last = driver.line()
             seen = now if last else seen
             restored = now if last and last.startswith("R ") else restored
@@ -179,8 +165,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
         break
     else:
         raise Failure("not finished after %d processes" % (number + 1))
-    problems = differences(src, dest)
-    if problems:
+    if problems := differences(src, dest):
         raise Failure("the tree differs from its source: %s (kept in %s)" % (problems[:10], folder))
     report = json.loads(control("/__report"))
     if report["unfired"] or (proxied and report["proxy"]["answered"] < 1 + int(re.search(r"p(\d+)", mix).group(1))):
@@ -195,22 +180,18 @@ def run(args, control, src, names, index, seed, mix, deadline):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--build", required=True)
-    parser.add_argument("--work")
-    parser.add_argument("--port", type=int, default=int(os.environ.get("QVDLM_TEST_PORT_BASE", "19200")) + 7)
-    for flag in ("--short", "--full"):
-        parser.add_argument(flag, action="store_true")
-    parser.add_argument("--seed", type=int)
-    parser.add_argument("--mix", default="k5f1r1s1h1")
+    for flag, options in {"--build": dict(default=os.environ.get("QVDLM_BUILD_DIR", os.path.join(HERE, "..", "..", "build"))), "--work": {}, "--seed": dict(type=int), "--mix": dict(default="k5f1r1s1h1"),
+                          "--port": dict(type=int, default=int(os.environ.get("QVDLM_TEST_PORT_BASE", "19200")) + 7),
+                          "--short": dict(action="store_true"), "--full": dict(action="store_true")}.items():
+        parser.add_argument(flag, **options)
     args = parser.parse_args()
-    args.build = os.path.abspath(args.build)
-    args.work = os.path.abspath(args.work or os.path.join(args.build, "test-work", "soak"))
+    args.build, args.work = os.path.abspath(args.build), os.path.abspath(args.work or os.path.join(args.build, "test-work", "soak"))
+    args.driver = os.path.join(args.build, "bin", "soak_driver.exe")
     runs, budget = (FULL_RUNS, 1800) if args.full else ([(args.seed, args.mix)], 900) if args.seed else (SHORT_RUNS, 170)
     deadline, began = time.monotonic() + budget, time.monotonic()
     src, www, names = make_package(args.work)
     # Wine's background services start here, apart from the drivers' pipes.
-    subprocess.run([os.path.join(args.build, "wine-run"), "cmd", "/c", "exit"], stdin=subprocess.DEVNULL,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, start_new_session=True, timeout=120)
+    wine(args.build, "cmd", "/c", "exit", stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=120)
     subprocess.run(["sh", os.path.join(FIXTURES, "faultserver-start.sh"), sys.executable, args.work, str(args.port), www],
                    check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL)
     control = lambda path: urllib.request.urlopen("http://127.0.0.1:%d%s" % (args.port, path), timeout=10).read().decode()
@@ -223,9 +204,8 @@ def main():
                 log("  RUN FAILED (seed %d): %s" % (seed, failure))
                 failures.append(seed)
             finally:  # the proxy credential stored by the run goes
-                subprocess.run([os.path.join(args.build, "wine-run"), os.path.join(args.build, "bin", "soak_driver.exe"),
-                                "forget", PROXY[0]], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL, start_new_session=True, timeout=60) if "p" in mix else None
+                _ = "p" in mix and wine(args.build, args.driver, "forget", PROXY[0], stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL, timeout=60)
     finally:
         subprocess.run(["sh", os.path.join(FIXTURES, "stop-pid.sh"), os.path.join(args.work, "faultserver.pid"), "faultserver.py"])
     log("\nsoak: %d of %d runs identical in %.0f s; per fault kind: count, served again mean/max, seconds max"
