@@ -6,6 +6,7 @@
 
 #include "QvDLMCodes.h"
 #include "QvDLMFactory.h"
+#include "common/PackagePath.h"
 #include "control/CheckpointFiles.h"
 #include "control/FolderOps.h"
 #include "control/LaunchSettings.h"
@@ -148,7 +149,7 @@ bool DownloadImp::buildPipeline()
         return false;
     source->setThreadProc(factory->readerProc());
 
-    if (!request_->isLzma2Package() && !request_->isSfxPackage()) {
+    if (!qv::isPackagePath(request_->getUrlPath())) {
         const std::wstring path = qv::longForm(dest + L"\\" + qv::lastComponent(textOf(request_->getUrlPath())));
         Stream* sink = factory->makeFileSink(path.c_str(), checkpointedFileOffset());
         if (!sink) {

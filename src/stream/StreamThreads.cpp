@@ -8,6 +8,7 @@
 
 #include "DownloadRequest.h"
 #include "QvDLMCodes.h"
+#include "common/PackagePath.h"
 #include "log/EventPublisherImpl.h"
 #include "stream/HTTPStreamImp.h"
 #include "stream/StreamLink.h"
@@ -191,7 +192,7 @@ bool ReaderThread::readOnce(BufferSlot& slot)
     const uint32_t capacity = out_.capacity();
     uint32_t count = UINT32_MAX;
     if (reader)
-        count = request_.isSfxPackage() ? reader->readBytesAligned(slot.data, capacity, true)
+        count = qv::isSfxPath(request_.getUrlPath()) ? reader->readBytesAligned(slot.data, capacity, true)
                                         : reader->readBytes(slot.data, capacity);
     // A failed read leaves nothing in the slot.
     slot.count = (source()->lastStatus() == 0 && count <= capacity) ? count : 0;
@@ -212,7 +213,7 @@ void ReaderThread::endBlock(BufferSlot& slot)
 
     const wchar_t* next = request_.nextBlock();
     if (next && *next) {
-        if (!request_.isLzma2Package() && !request_.isSfxPackage())
+        if (!qv::isPackagePath(request_.getUrlPath()))
             slot.restart = 1;
         const uint32_t code = job_.validateUrl();
         if (code != 0 && !job_.acceptValidation(code)) {
@@ -477,7 +478,7 @@ uint32_t __stdcall writerStreamThread(void* parameter)
 
         BufferSlot& slot = in.slot();
         if (slot.restart) {
-            if (request.isLzma2Package() || request.isSfxPackage() || request.isFinished()) {
+            if (qv::isPackagePath(request.getUrlPath()) || request.isFinished()) {
                 // A package that ends inside an entry is not complete.
                 if (!sink->endOfInput()) {
                     if (sink->lastStatus() == 0)

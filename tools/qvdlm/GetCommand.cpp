@@ -2,6 +2,7 @@
 #include <cwchar>
 
 #include "Commands.h"
+#include "common/PackagePath.h"
 #include "LibrarySession.h"
 #include "StopSignal.h"
 #include "TextUtil.h"
@@ -111,7 +112,7 @@ int runGet(const Options& o, Console& console)
             else
                 item.estimatedSize = firstBlock * static_cast<uint64_t>(request->getBlockCount());
         }
-        if (!request->getUncompressedSize() && !request->isLzma2Package() && !request->isSfxPackage())
+        if (!request->getUncompressedSize() && !qv::isPackagePath(request->getUrlPath()))
             request->setUncompressedSize(request->getCompressedSize());
 
         SetLastError(0);

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "StopSignal.h"
+#include "common/PackagePath.h"
 #include "TextUtil.h"
 
 namespace qvcli {
@@ -37,7 +38,7 @@ std::wstring filesLocation(Download* download)
     DownloadRequest* request = download->getRequest();
     // The download worked in a folder of its own inside the chosen destination and moved its files up.
     std::wstring folder = parentFolder(request->getDestDir() ? request->getDestDir() : L"");
-    if (request->isLzma2Package() || request->isSfxPackage())
+    if (qv::isPackagePath(request->getUrlPath()))
         return folder;
     const std::wstring path = request->getUrlPath() ? request->getUrlPath() : L"";
     const size_t slash = path.find_last_of(L'/');
