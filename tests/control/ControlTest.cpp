@@ -58,7 +58,7 @@ protected:
 TEST_F(Control, AJobEndsAsItsWorkersSay)
 {
     const struct { const char* what; int steps; uint32_t sourceExit, sinkExit, checkpointId; bool opens; uint32_t state, status; } rows[] = {
-        {"a worker's error code becomes the status", 2, 0, 0x28000002, 0, true, 0, 0x28000002},
+        {"a worker's error code becomes the status of a failed run", 2, 0, 0x28000002, 0, true, state::Aborted, 0x28000002},
         {"a worker ending as aborting aborts", 2, state::Aborting, 0, 0, true, state::Aborted, 0},
         {"a stored checkpoint that cannot be read cancels the start", -1, 0, 0, 3, true, state::Aborted, 0},
         {"a stage that cannot open ends the thread, reported as pending", -1, 0, 0, 0, false, state::Play, 0},

@@ -128,10 +128,16 @@ void expectTree(const std::wstring& dest, const std::string& format, const std::
     // Wine shows the packed tree's links as what they lead to; the sink makes links instead
     std::stringstream in(contents(workFolder(L"tar-archives\\" + qvtest::widen(format) + L".links")));
     auto expected = readTree(workFolder(L"tar-archives\\" + qvtest::widen(format) + L"-tree"));
+    auto tree = readTree(dest);
     size_t symbolic = 0;
     for (std::string path, target; std::getline(in, path, '\t') && std::getline(in, target); ++symbolic) {
-        for (auto it = expected.begin(); it != expected.end();)
-            it = it->first == path || it->first.rfind(path + "/", 0) == 0 ? expected.erase(it) : std::next(it);
+        const auto drop = [&](auto& t) {
+            for (auto it = t.begin(); it != t.end();)
+                it = it->first == path || it->first.rfind(path + "/", 0) == 0 ? t.erase(it) : std::next(it);
+        };
+        drop(expected);
+        if (!links)
+            drop(tree); // no link recorded: a copy of its target stands in for it
         std::wstring suffix = L"\\" + qvtest::widen(path), to = qvtest::widen(target);
         std::replace(suffix.begin(), suffix.end(), L'/', L'\\');
         std::replace(to.begin(), to.end(), L'/', L'\\');
@@ -140,7 +146,6 @@ void expectTree(const std::wstring& dest, const std::string& format, const std::
             })) << "no link " << path;
     }
     EXPECT_EQ(links ? links->size() : symbolic, symbolic);
-    const auto tree = readTree(dest);
     EXPECT_GE(expected.size(), format == "gnu" ? 20u : 2u);
     EXPECT_EQ(expected.size(), tree.size());
     for (const auto& [path, entry] : expected) {
