@@ -103,9 +103,26 @@ protected:
 
 } // namespace
 
-TEST_F(LogTest, TheFileItsPlaceAndTheResourceModule)
+TEST_F(LogTest, SubscribersInAddressOrderTheFileItsPlaceAndTheResourceModule)
 {
-    EXPECT_EQ(entries(path_), Entries{kBanner});
+    static std::vector<const void*> order; // who was called, in order
+    struct Recorder : EventSubscriber {
+        void notify(const EventRecord* record) override { order.push_back(this); last = *record; }
+        EventRecord last{};
+    } recorders[4], stranger;
+    EventPublisher* hub = EventPublisher::getInstance();
+    for (int i : {2, 0, 3, 1, 2})
+        hub->subscribe(&recorders[i]);
+    hub->unsubscribe(&stranger);
+    publish(&download_, 4, 1006);
+    EXPECT_EQ(order, (std::vector<const void*>{&recorders[0], &recorders[1], &recorders[2], &recorders[3]}));
+    EXPECT_TRUE(recorders[3].last.kind == 4 && recorders[3].last.value == 1006 && recorders[3].last.source == &download_);
+    hub->unsubscribe(&recorders[0]);
+    order.clear();
+    publish(nullptr, 4, 1006);
+    EXPECT_EQ(order, (std::vector<const void*>{&recorders[1], &recorders[2], &recorders[3]}));
+    for (auto& r : recorders)
+        hub->unsubscribe(&r);
     const size_t before = subscribers();
     EXPECT_EQ(QvDLM::createLog((dir_ / L"missing\\download.log").c_str()), nullptr);
     EXPECT_EQ(subscribers(), before);
@@ -114,7 +131,7 @@ TEST_F(LogTest, TheFileItsPlaceAndTheResourceModule)
     ASSERT_TRUE(log_->open(second.c_str())); // reopening moves to the new file, which starts over
     publish(nullptr, 5, reinterpret_cast<uint64_t>(L"after reopening"));
     EXPECT_EQ(entries(second), (Entries{kBanner, L"0x00000000\tWARNING:\t after reopening\r\n"}));
-    EXPECT_EQ(body(), Entries{});
+    EXPECT_EQ(body(), (Entries{line(L"DEBUG", L"network connected"), status(0), L"0x00000000\tDEBUG:\t network connected\r\n"})); // nothing after reopening
     log_.reset(QvDLM::createLog(nullptr)); // without a path: a fresh temporary file "QV_*.tmp"
     ASSERT_NE(log_, nullptr);
     wchar_t temp[MAX_PATH];
@@ -172,25 +189,18 @@ TEST_F(LogTest, EveryEventGivesItsLines)
 TEST_F(LogTest, SnapshotsStatisticsAndEventsWithoutADownload)
 {
     setDownload(0x20000002, 0x25000008);
-    request_.setBlockId(3);
-    request_.setBlockDownloadedSize(4194304);
-    request_.setTotalDownloadedSize(21474836480ull);
-    request_.setExtractedSize(18446744073709551615ull);
-    request_.setStatus(0x25000004);
-    request_.setState(0x20000003);
+    request_.setBlockId(3), request_.setBlockDownloadedSize(4194304), request_.setTotalDownloadedSize(21474836480ull);
+    request_.setExtractedSize(18446744073709551615ull), request_.setStatus(0x25000004), request_.setState(0x20000003);
     publish(&download_, 0, 0);
-    g_ticks = 1000;
-    stats_.start();
-    g_ticks = 43000;
+    g_ticks = 1000, stats_.start(), g_ticks = 43000;
     publish(&download_, 3, 1009);
     ON_CALL(download_, getRequest()).WillByDefault(Return(nullptr));
     publish(&download_, 3, reinterpret_cast<uint64_t>(L"orphan"));
     const std::wstring longText(70000, L'x'), odd = L"Gr\u00F6\u00DFe \u2713 \U0001F600";
-    publish(nullptr, 3, reinterpret_cast<uint64_t>(longText.c_str()));
-    publish(nullptr, 3, reinterpret_cast<uint64_t>(odd.c_str()));
-    publish(nullptr, 6, 0x00000001000003ECull); // bits 16..31 clear: the number 1004, never a pointer
-    publish(nullptr, 5, 1018);
-    publish(nullptr, 1, 0x20000002);
+    // In 0x00000001000003EC bits 16..31 are clear: the number 1004, never a pointer.
+    for (const auto& [kind, value] : {std::pair<uint32_t, uint64_t>{3, reinterpret_cast<uint64_t>(longText.c_str())}, {3, reinterpret_cast<uint64_t>(odd.c_str())},
+                                      {6, 0x00000001000003ECull}, {5, 1018}, {1, 0x20000002}})
+        publish(nullptr, kind, value);
     EXPECT_EQ(body(), (Entries{line(L"DEBUG", L""), detail(L"\tDEBUG:\tBlock ID:\t3"), detail(L"\tDEBUG:\tBlock Downloaded Bytes:\t4194304"),
                                detail(L"\tDEBUG:\tTotal Downloaded Bytes:\t21474836480"), detail(L"\tDEBUG:\tExtracted Bytes:\t18446744073709551615"),
                                detail(L"\tDEBUG:\tLast Status:\t620756996"), detail(L"\tDEBUG:\tLast State:\t536870915\r\n"), status(0x25000008),
@@ -198,29 +208,6 @@ TEST_F(LogTest, SnapshotsStatisticsAndEventsWithoutADownload)
                                detail(L"\tINFO:\tTotal downloaded data:\t123456789012 bytes"), detail(L"\tINFO:\tDownload speed:\t632913400 bits/s"),
                                status(0x25000008), detail(L"\tINFO:\t orphan"), status(0x25000008), L"0x00000000\tINFO:\t " + longText + L"\r\n",
                                L"0x00000000\tINFO:\t " + odd + L"\r\n", L"0x00000000\tERROR:\t network disconnected\r\n", L"0x00000000\tWARNING:\t \r\n"}));
-}
-
-TEST_F(LogTest, SubscribersAreCalledOnceEachInAddressOrder)
-{
-    static std::vector<const void*> order; // who was called, in order
-    struct Recorder : EventSubscriber {
-        void notify(const EventRecord* record) override { order.push_back(this); last = *record; }
-        EventRecord last{};
-    } recorders[4], stranger;
-    EventPublisher* hub = EventPublisher::getInstance();
-    for (int i : {2, 0, 3, 1, 2})
-        hub->subscribe(&recorders[i]);
-    hub->unsubscribe(&stranger);
-    publish(&download_, 4, 1006);
-    EXPECT_EQ(order, (std::vector<const void*>{&recorders[0], &recorders[1], &recorders[2], &recorders[3]}));
-    EXPECT_TRUE(recorders[3].last.kind == 4 && recorders[3].last.value == 1006 && recorders[3].last.source == &download_);
-    hub->unsubscribe(&recorders[0]);
-    order.clear();
-    publish(nullptr, 4, 1006);
-    EXPECT_EQ(order, (std::vector<const void*>{&recorders[1], &recorders[2], &recorders[3]}));
-    for (auto& r : recorders)
-        hub->unsubscribe(&r);
-    EXPECT_EQ(body(), (Entries{line(L"DEBUG", L"network connected"), status(0), L"0x00000000\tDEBUG:\t network connected\r\n"}));
 }
 
 TEST_F(LogTest, ConcurrentWritersNeverInterleaveWithinAnEntry)
@@ -233,9 +220,7 @@ TEST_F(LogTest, ConcurrentWritersNeverInterleaveWithinAnEntry)
                 publish(nullptr, 3, reinterpret_cast<uint64_t>(text.c_str()));
         });
     for (int t = 0; t < 4; ++t)
-        writers[t].join();
-    for (int t = 0; t < 4; ++t)
-        expected[L"0x00000000\tINFO:\t " + std::wstring(400 + 50 * t, static_cast<wchar_t>(L'A' + t)) + L"\r\n"] = 2500;
+        writers[t].join(), expected[L"0x00000000\tINFO:\t " + std::wstring(400 + 50 * t, static_cast<wchar_t>(L'A' + t)) + L"\r\n"] = 2500;
     for (const auto& entry : body())
         ++counts[entry];
     EXPECT_EQ(counts, expected) << "torn or lost entries";

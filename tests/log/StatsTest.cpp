@@ -50,7 +50,7 @@ protected:
 
 } // namespace
 
-TEST_F(StatsTest, StartOnceAndAverageSpeed)
+TEST_F(StatsTest, StartOnceAverageSpeedAndNoNewSampleWithinTheReferenceSamplesMillisecond)
 {
     EXPECT_EQ(stats_.getUncompressedSize(), 250000000u);
     request_.setUncompressedSize(1);
@@ -63,6 +63,16 @@ TEST_F(StatsTest, StartOnceAndAverageSpeed)
         g_ticks = t; // a thousand times the bit rate, cut to 32 bits; 0 within the first second
         EXPECT_EQ(stats_.getAverageSpeed(), average) << t;
     }
+    g_ticks = 5000;
+    EXPECT_EQ(stats_.getElapsedSeconds(), 4u); // also moves the current sample's time to now
+    // Five samples at one tick reach the slot written above as their reference: the rest are skipped.
+    EXPECT_CALL(download_, getExtractedSize()).Times(5).WillRepeatedly(Return(0));
+    for (int i = 0; i < 10; ++i)
+        stats_.getRemainingSeconds();
+    ::testing::Mock::VerifyAndClearExpectations(&download_);
+    EXPECT_CALL(download_, getExtractedSize()).Times(1).WillRepeatedly(Return(0));
+    g_ticks = 5001;
+    stats_.getRemainingSeconds();
 }
 
 TEST_F(StatsTest, SpeedsAreSmoothedOverNineAndTheEstimateFallsFreely)
@@ -88,11 +98,9 @@ TEST_F(StatsTest, NoEstimateBeforeFourMebibytesAndAtLeastOneByteLeft)
     rate_ = 100000;
     EXPECT_EQ(sampleUntil(8000), -1);
     EXPECT_GT(stats_.getDownloadSpeed(), 0u) << "the speed is known, the amount is too small";
-    downloaded_ = 4194304;
-    g_ticks += 1000;
+    downloaded_ = 4194304, g_ticks += 1000;
     EXPECT_GT(stats_.getRemainingSeconds(), 0);
-    downloaded_ = 200000000; // more than the package: 1 byte left
-    g_ticks += 1000;
+    downloaded_ = 200000000, g_ticks += 1000; // more than the package: 1 byte left
     EXPECT_EQ(stats_.getRemainingSeconds(), 0);
 }
 
@@ -111,20 +119,5 @@ TEST_F(StatsTest, TheShownTimeRisesOnlyWhenTheEstimateMoreThanDoubles)
         EXPECT_EQ(shown, hold ? before : estimate) << g_ticks;
         (hold ? holds : rises) += 1;
     }
-    EXPECT_GT(holds, 0);
-    EXPECT_GT(rises, 0);
-}
-
-TEST_F(StatsTest, NoNewSampleWithinTheReferenceSamplesMillisecond)
-{
-    g_ticks = 5000;
-    EXPECT_EQ(stats_.getElapsedSeconds(), 4u); // also moves the current sample's time to now
-    // Five samples at one tick reach the slot written above as their reference: the rest are skipped.
-    EXPECT_CALL(download_, getExtractedSize()).Times(5).WillRepeatedly(Return(0));
-    for (int i = 0; i < 10; ++i)
-        stats_.getRemainingSeconds();
-    ::testing::Mock::VerifyAndClearExpectations(&download_);
-    EXPECT_CALL(download_, getExtractedSize()).Times(1).WillRepeatedly(Return(0));
-    g_ticks = 5001;
-    stats_.getRemainingSeconds();
+    EXPECT_TRUE(holds > 0 && rises > 0) << holds << " " << rises;
 }

@@ -85,21 +85,7 @@ protected:
 
 } // namespace
 
-TEST_F(StoreTest, OpenCreatesAUtf16FileWithPreferencesOnlyWhenMissing)
-{
-    path_ = dir_ / L"a\\b\\download.info";
-    ASSERT_TRUE(store_.open(path_.c_str()));
-    EXPECT_EQ(text(), L"[Preferences]\r\nVERSION=1.2\r\n");
-    ASSERT_TRUE(qvtest::writeFile(path_, u16(L"[Preferences]\r\nVERSION=1.1\r\n")));
-    ASSERT_TRUE(store_.open(path_.c_str()));
-    EXPECT_EQ(text(), L"[Preferences]\r\nVERSION=1.1\r\n");
-    wchar_t base[MAX_PATH];
-    ASSERT_TRUE(SUCCEEDED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, base)));
-    ASSERT_TRUE(DownloadRequestLog::getInstance()->open(nullptr));
-    EXPECT_EQ(std::wstring(DownloadRequestLog::getInstance()->getPath()), std::wstring(base) + L"\\Quorvel\\Tarnwick\\download.info");
-}
-
-TEST_F(StoreTest, AddWritesEveryKeyInOrderOnceAndLoadGivesTheRequestBack)
+TEST_F(StoreTest, OpenAndAddWriteEveryKeyInOrderOnceAndLoadGivesTheRequestBack)
 {
     addExample();
     size_t at = 0;
@@ -132,9 +118,20 @@ TEST_F(StoreTest, AddWritesEveryKeyInOrderOnceAndLoadGivesTheRequestBack)
     ASSERT_TRUE(store_.add(&old));
     EXPECT_NE(text().find(L"DEST_DIR=C:\\old\r\nEXE_PATH=setup.exe\r\nEXE_PARAM=\r\nAUTO_OPEN=1\r\nAUTH_TOKEN="), std::wstring::npos);
     EXPECT_EQ(sections(), (Texts{L"Preferences", L"http://h.example/old.bin"}));
+    // A new file is UTF-16 with its preferences; an existing one keeps them.
+    path_ = dir_ / L"a\\b\\download.info";
+    ASSERT_TRUE(store_.open(path_.c_str()));
+    EXPECT_EQ(text(), L"[Preferences]\r\nVERSION=1.2\r\n");
+    ASSERT_TRUE(qvtest::writeFile(path_, u16(L"[Preferences]\r\nVERSION=1.1\r\n")));
+    ASSERT_TRUE(store_.open(path_.c_str()));
+    EXPECT_EQ(text(), L"[Preferences]\r\nVERSION=1.1\r\n");
+    wchar_t base[MAX_PATH];
+    ASSERT_TRUE(SUCCEEDED(SHGetFolderPathW(nullptr, CSIDL_LOCAL_APPDATA, nullptr, SHGFP_TYPE_CURRENT, base)));
+    ASSERT_TRUE(DownloadRequestLog::getInstance()->open(nullptr));
+    EXPECT_EQ(std::wstring(DownloadRequestLog::getInstance()->getPath()), std::wstring(base) + L"\\Quorvel\\Tarnwick\\download.info");
 }
 
-TEST_F(StoreTest, SavesFollowTheStateRules)
+TEST_F(StoreTest, SavesFollowTheStateRulesAndACopyLeftByADeadWriterIsPutBack)
 {
     addExample();
     r_.setBlockId(2), r_.setBlockDownloadedSize(777), r_.setExtractedSize(99), r_.setDate(L"2024-05-06");
@@ -159,6 +156,19 @@ TEST_F(StoreTest, SavesFollowTheStateRules)
     EXPECT_TRUE(store_.saveLaunch(&r_) && store_.saveDestDir(&r_) && store_.saveUseAkamai(&r_));
     EXPECT_EQ(raw(id_, L"EXE_PATH") + raw(id_, L"AUTO_OPEN") + raw(id_, L"DEST_DIR") + raw(id_, L"USE_AKAMAI"), L"run.exe0E:\\new0");
     EXPECT_FALSE(qvtest::fileExists(path_ + L".bak")) << "every write takes its backup away again";
+    // A writer that dies while the profile functions rewrite the file leaves its copy of the file as it was
+    // before that write; the next open puts the copy back, unless a living writer still holds it.
+    const std::wstring backup = path_ + L".bak", cut = L"[Preferences]\r\nVERSION=1.2\r\n";
+    ASSERT_TRUE(CopyFileW(path_.c_str(), backup.c_str(), FALSE));
+    ASSERT_TRUE(qvtest::writeFile(path_, u16(cut)));
+    {
+        qv::UniqueFile held(CreateFileW(backup.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        ASSERT_TRUE(store_.open(path_.c_str()));
+        EXPECT_EQ(text(), cut) << "a living writer's file is not rolled back";
+    }
+    ASSERT_TRUE(store_.open(path_.c_str()));
+    EXPECT_EQ(loadAll(store_).size(), 1u);
+    EXPECT_FALSE(qvtest::fileExists(backup));
 }
 
 TEST_F(StoreTest, DamagedStoresLoadTheirIntactSectionsAndLoseTheRest)
@@ -168,6 +178,11 @@ TEST_F(StoreTest, DamagedStoresLoadTheirIntactSectionsAndLoseTheRest)
         return u16(section(L"http://h.example/1?authparam=%s", L"BLOCK_COUNT=" + count + L"\r\nTOKENS=t1,t2,\r\nQUERIES=a,b,\r\nBLOCK_ID=1\r\n",
                            L"http://h.example/1?authparam=%s;http://h.example/2?authparam=%s"));
     };
+    auto listed = [](const wchar_t* block) {
+        return u16(section(L"http://h.example/%s/1?authparam=%s", L"BLOCK_COUNT=2\r\nTOKENS=T0,T1,\r\nQUERIES=q=1,\r\nBLOCK_ID=" + std::wstring(block) + L"\r\n",
+                           L"http://h.example/%s/1?authparam=%s;http://h.example/2?authparam=%s"));
+    };
+    const std::wstring listedId = L"http://h.example/%s/1?authparam=%s n 536870915 2 ";
     const Texts twoBlocks = {L"http://h.example/1?authparam=%s n 536870915 2 1 0 0 0 734003200 http://h.example/2?authparam=t2&b"};
     std::wstring many;
     Texts manyLines;
@@ -188,7 +203,8 @@ TEST_F(StoreTest, DamagedStoresLoadTheirIntactSectionsAndLoseTheRest)
         {u16(section(L"http://h.example/n", L"COMPRESSED_SIZE=abc\r\nSAVE_INTERVAL=12x\r\nCHKPT_ID=4294967296\r\n" L"TOTAL_DOWNLOADED_SIZE=18446744073709551615\r\nBLOCK_ID=7\r\n")), {L"http://h.example/n n 536870915 1 0 0 0 18446744073709551615 734003200 http://h.example/n"}},
         {blocks(L"2"), twoBlocks}, {blocks(L"0"), twoBlocks}, {blocks(L"-5"), twoBlocks}, {blocks(L"abc"), twoBlocks}, {blocks(L"99999999"), twoBlocks},
         {u16(section(L"http://h.example/a?authparam=%s", L"TOKENS=" + std::wstring(100, L't') + L",\r\nQUERIES=" + std::wstring(1500, L'q') + L",\r\n", L"http://h.example/a?authparam=%s")), {L"http://h.example/a?authparam=%s" + rest + L"http://h.example/a?authparam=" + std::wstring(100, L't') + L"&" + std::wstring(1500, L'q')}}, // long values come back whole
-        {u16(many), manyLines},
+        {u16(many), manyLines}, // the token fills the query's placeholder only; one query serves every block
+        {listed(L"0"), {listedId + L"0 0 0 0 734003200 http://h.example/%s/1?authparam=T0&q=1"}}, {listed(L"1"), {listedId + L"1 0 0 0 734003200 http://h.example/2?authparam=T1&q=1"}},
     };
     for (size_t i = 0; i < std::size(cases); ++i) {
         SCOPED_TRACE(i);
@@ -202,24 +218,6 @@ TEST_F(StoreTest, DamagedStoresLoadTheirIntactSectionsAndLoseTheRest)
                                                                    [&](const std::wstring& line) { return line.rfind(name + L" ", 0) == 0; })) << qvtest::narrow(name);
         }
     }
-}
-
-// A writer that dies while the profile functions rewrite the file leaves its copy of the file as it was
-// before that write; the next open puts the copy back, unless a living writer still holds it.
-TEST_F(StoreTest, ACopyLeftByADeadWriterIsPutBack)
-{
-    addExample();
-    const std::wstring backup = path_ + L".bak", cut = L"[Preferences]\r\nVERSION=1.2\r\n";
-    ASSERT_TRUE(CopyFileW(path_.c_str(), backup.c_str(), FALSE));
-    ASSERT_TRUE(qvtest::writeFile(path_, u16(cut)));
-    {
-        qv::UniqueFile held(CreateFileW(backup.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-        ASSERT_TRUE(store_.open(path_.c_str()));
-        EXPECT_EQ(text(), cut) << "a living writer's file is not rolled back";
-    }
-    ASSERT_TRUE(store_.open(path_.c_str()));
-    EXPECT_EQ(loadAll(store_).size(), 1u);
-    EXPECT_FALSE(qvtest::fileExists(backup));
 }
 
 // Run by the kill test as a child process: stores one request and records progress until it is killed.

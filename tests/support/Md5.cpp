@@ -5,7 +5,7 @@
 
 namespace qvtest {
 
-std::string md5Raw(const std::string& data)
+static std::string md5Raw(const std::string& data)
 {
     std::string out(16, '\0');
     HCRYPTPROV provider = 0;
@@ -22,20 +22,13 @@ std::string md5Raw(const std::string& data)
     return out;
 }
 
-std::string md5Hex(const std::string& data)
-{
-    std::string out;
-    for (unsigned char c : md5Raw(data)) {
-        out += "0123456789abcdef"[c >> 4];
-        out += "0123456789abcdef"[c & 15];
-    }
-    return out;
-}
-
 std::string urlTokenDigest(uint32_t expiry, const std::string& url, const std::string& extra, const std::string& key)
 {
     const std::string inner(reinterpret_cast<const char*>(&expiry), 4); // little-endian on x86-64
-    return md5Hex(key + md5Raw(inner + url + extra + key));
+    std::string hex;
+    for (unsigned char c : md5Raw(key + md5Raw(inner + url + extra + key)))
+        hex += {"0123456789abcdef"[c >> 4], "0123456789abcdef"[c & 15]};
+    return hex;
 }
 
 } // namespace qvtest

@@ -6,8 +6,6 @@
 
 namespace qvtest {
 
-std::string md5Raw(const std::string& data); // the 16 raw digest bytes
-std::string md5Hex(const std::string& data); // 32 lower-case hexadecimal characters
 // The URL token digest: md5(key || md5(expiry32 little-endian || url || extra || key)) in hex.
 std::string urlTokenDigest(uint32_t expiry, const std::string& url, const std::string& extra, const std::string& key);
 

@@ -7,9 +7,6 @@
 
 class MockDownload : public Download {
 public:
-    MockDownload() = default;
-    ~MockDownload() override = default;
-
     MOCK_METHOD(bool, isPrepared, (), (override));
     MOCK_METHOD(bool, buildPipeline, (), (override));
     MOCK_METHOD(Target*, addStage, (Stream*, const LinkSpec*), (override));

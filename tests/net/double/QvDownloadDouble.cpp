@@ -57,7 +57,6 @@ public:
         std::lock_guard<std::mutex> hold(g_lock);
         --g_live;
     }
-    ~AkamaiNetSession() = default;
 
 private:
     unsigned answer(const std::string& what, const char* key)
