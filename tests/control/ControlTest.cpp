@@ -116,6 +116,11 @@ TEST_F(Control, TheFourthWaitsForACompletionNotAPauseAndDestroyingDiscardsTheRun
         EXPECT_EQ(manager->startDownload(d[i] = manager->addDownload(request(L"q" + std::to_wstring(i)))), i < 3);
     ASSERT_TRUE(reaches(d[0], state::Play) && manager->control(d[0], command::Pause) && reaches(d[0], state::Paused));
     EXPECT_FALSE(waitUntil([&] { return d[3]->getState() != state::Pending; }, 100));
+    EXPECT_TRUE(manager->hasDownload(L"http://localhost:1/files/q2") && !manager->hasDownload(L"http://localhost:1/o") && !manager->isEmpty());
+    d[3]->getRequest()->setUncompressedSize(5000); // space still needed by pending and playing downloads on that drive
+    EXPECT_GE(manager->getPendingSpace(scratch.path().c_str()), 5000u);
+    manager->pauseForDiskSpace(); // there is room: nothing pauses
+    EXPECT_EQ(d[2]->getState(), state::Play);
     for (Stream* stage : {dynamic_cast<DownloadImp*>(d[1])->currentSource(), dynamic_cast<DownloadImp*>(d[1])->currentSink()})
         static_cast<FakeStage*>(stage)->plan.steps = 0; // d[1] finishes by itself
     ASSERT_TRUE(reaches(d[1], state::Completed) && reaches(d[3], state::Play));

@@ -239,6 +239,17 @@ TEST(HttpSource, AnswersOfRealServers)
         EXPECT_TRUE(row.url.find(L"/echo") != std::wstring::npos ||
                     (data == row.data.substr(0, data.size()) && (row.failure == kAny || data.size() == row.data.size())));
     }
+    // What the source tells of the answer: nginx's headers, whole or with their size when the buffer is short.
+    HTTPStreamImp stream(qvtest::nginxUrl(L"hello.txt").c_str(), 0, 0);
+    ASSERT_TRUE(stream.reconnect());
+    EXPECT_STREQ(L"text/plain", stream.contentType());
+    EXPECT_STREQ(L"HTTP/1.1", stream.httpVersion());
+    wchar_t headers[2048] = {};
+    uint32_t length = 4;
+    EXPECT_EQ(UINT32_MAX, stream.rawHeaders(headers, &length));
+    EXPECT_GT(length, 4u);
+    EXPECT_EQ(length, stream.rawHeaders(headers, &length));
+    EXPECT_NE(nullptr, std::wcsstr(headers, L"Content-Range: bytes 0-12/13"));
 }
 
 TEST(Pipeline, PlainBlocksArriveWholeEachInTheJobsCurrentSinkAndBothEndsCheckpointEverySlot)
