@@ -848,10 +848,7 @@ DWORD DownloadImp::runControlThread()
     if (now == state::Exiting || now == state::Aborting)
         return 0; // a stop has decided
     // A run whose pipeline failed never completes: what it wrote is incomplete.
-    if (failed || haveFinalState)
-        changeState(state::Aborting);
-    else if (!haveFinalState)
-        changeState(state::Completing);
+    changeState(failed || haveFinalState ? state::Aborting : state::Completing);
     return 0;
 }
 
