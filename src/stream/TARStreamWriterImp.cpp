@@ -22,6 +22,10 @@ namespace {
 
 // Longest GNU long name or link text taken (bytes of UTF-8): beyond any path the system accepts.
 constexpr int64_t kMaxLongText = 3 * static_cast<int64_t>(qv::kMaxLongPath);
+// Most bytes of extended header records kept (an entry's, and the global ones together), and of a
+// sparse map's text.
+constexpr int64_t kMaxPaxText = 1 << 20;
+constexpr int64_t kMaxMapText = 48 * static_cast<int64_t>(kMaxSparseRegions) + 2 * static_cast<int64_t>(kBlockSize);
 
 // Seconds from 1601-01-01 (file times) to 1970-01-01 (tar times), and the last second a file time holds.
 constexpr int64_t kEpochDifference = 11644473600;
@@ -33,6 +37,10 @@ constexpr int64_t blocksFor(int64_t bytes) { return (bytes + static_cast<int64_t
 // the unpacker's own record.
 constexpr uint32_t kSinkRecordTag = 0x31524154; // "TAR1"
 constexpr size_t kSinkFixedSize = 6 * 4 + 7 * 8 + 4 * 4 + 2 * kBlockSize;
+// Second version: the first one's fixed part, a further fixed part for extended headers and sparse
+// files, then the variable parts of both (those of the second before the unpacker's record).
+constexpr uint32_t kSinkRecordTag2 = 0x32524154; // "TAR2"
+constexpr size_t kSinkMoreSize = 6 * 4 + 3 * 8;
 
 constexpr uint32_t kFlagReceivedAny = 1;
 constexpr uint32_t kFlagSawArchive = 2;
@@ -192,12 +200,33 @@ bool TARStreamWriterImp::processBlocks(const uint8_t* data, size_t blocks)
             }
             break;
         }
+        case Phase::SparseData: {
+            const size_t used = writeSparseData(data, blocks);
+            if (used == 0)
+                return false;
+            data += used * kBlockSize;
+            blocks -= used;
+            break;
+        }
         case Phase::LongName:
         case Phase::LongLink:
             collectLongText(data);
             data += kBlockSize;
             --blocks;
             break;
+        case Phase::PaxEntry:
+        case Phase::PaxGlobal:
+        case Phase::SparseExtension:
+        case Phase::SparseMap: {
+            const bool ok = phase_ == Phase::SparseExtension ? readSparseExtension(data)
+                            : phase_ == Phase::SparseMap     ? collectSparseMap(data)
+                                                             : collectPaxText(data);
+            if (!ok)
+                return false;
+            data += kBlockSize;
+            --blocks;
+            break;
+        }
         case Phase::Header:
             if (!headerStep(data))
                 return false;
@@ -249,6 +278,23 @@ void TARStreamWriterImp::collectLongText(const uint8_t* block)
     }
 }
 
+bool TARStreamWriterImp::collectPaxText(const uint8_t* block)
+{
+    std::string& text = phase_ == Phase::PaxEntry ? paxEntry_ : paxGlobal_;
+    const size_t take = static_cast<size_t>(std::min<int64_t>(paxLeft_, static_cast<int64_t>(kBlockSize)));
+    text.append(reinterpret_cast<const char*>(block), take);
+    paxLeft_ -= static_cast<int64_t>(take);
+    ++blocksWritten_;
+    if (paxLeft_ > 0)
+        return true;
+    PaxAttributes check;
+    if (!readPaxRecords(text, check))
+        return fail(tarerror::BadHeader);
+    entrySize_ = entryBlocks_ = blocksWritten_ = 0;
+    phase_ = Phase::Header;
+    return true;
+}
+
 bool TARStreamWriterImp::headerStep(const uint8_t* block)
 {
     if (isZeroBlock(block)) {
@@ -257,23 +303,14 @@ bool TARStreamWriterImp::headerStep(const uint8_t* block)
         return true;
     }
     const uint8_t type = block[kTypeOffset];
-    if (type < kTypeFirst || type > kTypeLast) {
-        // Not an entry of its own (among them the old regular-file flag, whose data then follows as
-        // headers). A pax header's records are skipped whole, since they are text, not headers.
-        if ((type == kTypePaxEntry || type == kTypePaxGlobal) && checksumAcceptable(block)) {
-            const int64_t size = headerNumber(block + kSizeOffset);
-            if (size < 0)
-                return fail(tarerror::BadHeader);
-            sawArchive_ = true;
-            clearEntry();
-            entrySize_ = size;
-            entryBlocks_ = blocksFor(size);
-            startSkipping();
-        }
-        return true;
-    }
-    const int64_t size = headerNumber(block + kSizeOffset);
-    if (!checksumAcceptable(block) || size < 0) {
+    const bool extended = type == kTypePaxEntry || type == kTypePaxGlobal || type == kTypeSparse ||
+                          type == kTypeMultiVolume || type == kTypeOldLongNames;
+    if ((type < kTypeFirst || type > kTypeLast) && !(extended && checksumAcceptable(block)))
+        return true; // not an entry of its own (among them the old regular-file flag, whose data then follows as headers)
+    int64_t size = -1;
+    int64_t time = -1;
+    const bool numbers = headerNumber(block + kSizeOffset, &size) && headerNumber(block + kMtimeOffset, &time);
+    if (!checksumAcceptable(block) || !numbers || size < 0) {
         // Past the end-of-archive blocks, what is not a header is whatever the package appended
         // (a signature, say); before them it means the stream is not tar.
         if (!sawEndMarker_)
@@ -287,10 +324,24 @@ bool TARStreamWriterImp::headerStep(const uint8_t* block)
     std::memcpy(header_, block, kBlockSize);
     entrySize_ = size;
     entryBlocks_ = blocksFor(size);
-    return beginEntry(type);
+    if (type == kTypePaxEntry || type == kTypePaxGlobal) {
+        std::string& text = type == kTypePaxEntry ? paxEntry_ : paxGlobal_;
+        if (type == kTypePaxEntry)
+            text.clear();
+        if (size > kMaxPaxText - static_cast<int64_t>(text.size()))
+            return fail(tarerror::BadHeader);
+        paxLeft_ = size;
+        if (size > 0)
+            phase_ = type == kTypePaxEntry ? Phase::PaxEntry : Phase::PaxGlobal;
+        return true;
+    }
+    // Continued from another volume, or names kept apart: not extracted exactly.
+    if (type == kTypeMultiVolume || type == kTypeOldLongNames)
+        return fail(tarerror::BadHeader);
+    return beginEntry(type, time);
 }
 
-bool TARStreamWriterImp::beginEntry(uint8_t type)
+bool TARStreamWriterImp::beginEntry(uint8_t type, int64_t time)
 {
     if (type == kTypeLongName || type == kTypeLongLink) {
         if (!hasLongLinkMarker(header_)) {
@@ -307,10 +358,39 @@ bool TARStreamWriterImp::beginEntry(uint8_t type)
         return true;
     }
 
+    // Records of global headers, then of the entry's own (sparse maps only from there).
+    PaxAttributes global;
+    PaxAttributes pax;
+    if (!readPaxRecords(paxGlobal_, global))
+        return fail(tarerror::BadHeader);
+    pax.path = global.path;
+    pax.linkPath = global.linkPath;
+    pax.mtime = global.mtime;
+    const bool entryRecords = readPaxRecords(paxEntry_, pax);
+    paxEntry_.clear();
+    if (!entryRecords)
+        return fail(tarerror::BadHeader);
+    if (pax.size >= 0) {
+        entrySize_ = pax.size;
+        entryBlocks_ = blocksFor(pax.size);
+    }
+    const bool sparse = type == kTypeSparse || ((type == kTypeRegular || type == kTypeContiguous) && pax.sparse());
+    paxName_ = sparse && pax.sparseName ? pax.sparseName : pax.path;
+    paxLink_ = pax.linkPath;
+    if (pax.mtime)
+        time = *pax.mtime;
+    modificationTime_ = (time > 0 && time <= kLastFileTimeSecond) ? time : 0;
+
     bool ok = true;
     switch (type) {
     case kTypeRegular:
-        ok = beginRegularFile();
+    case kTypeContiguous:
+    case kTypeSparse:
+        ok = beginRegularFile(type, pax);
+        break;
+    case kTypeDumpDir: // a folder with the list of its contents as data
+        ok = makeFolder();
+        startSkipping();
         break;
     case kTypeHardLink:
         ok = makeHardLink();
@@ -333,6 +413,8 @@ bool TARStreamWriterImp::beginEntry(uint8_t type)
     longName_.clear();
     longLink_.clear();
     longNameLeft_ = longLinkLeft_ = 0;
+    paxName_.reset();
+    paxLink_.reset();
     return ok;
 }
 
@@ -348,6 +430,12 @@ void TARStreamWriterImp::clearEntry()
     entrySize_ = entryBlocks_ = blocksWritten_ = fileBytes_ = 0;
     modificationTime_ = 0;
     mode_ = 0;
+    sparse_.clear();
+    region_ = 0;
+    regionDone_ = 0;
+    realSize_ = -1;
+    mapText_.clear();
+    mapLines_ = 0;
     fileRelative_.clear();
     filePath_.clear();
 }
@@ -355,7 +443,10 @@ void TARStreamWriterImp::clearEntry()
 bool TARStreamWriterImp::entryName(std::wstring& relative, uint32_t refusedCode, bool* folderLike)
 {
     std::wstring name;
-    if (!longName_.empty()) {
+    if (paxName_) {
+        if (!widen(paxName_->data(), textLength(*paxName_), name))
+            return fail(tarerror::NameConversion);
+    } else if (!longName_.empty()) {
         if (!widen(longName_.data(), textLength(longName_), name))
             return fail(tarerror::NameConversion);
     } else {
@@ -380,8 +471,9 @@ bool TARStreamWriterImp::entryName(std::wstring& relative, uint32_t refusedCode,
 
 bool TARStreamWriterImp::entryLinkText(std::wstring& text)
 {
-    if (!longLink_.empty()) {
-        if (!widen(longLink_.data(), textLength(longLink_), text))
+    if (paxLink_ || !longLink_.empty()) {
+        const std::string& link = paxLink_ ? *paxLink_ : longLink_;
+        if (!widen(link.data(), textLength(link), text))
             return fail(tarerror::NameConversion);
         return true;
     }
@@ -448,7 +540,7 @@ bool TARStreamWriterImp::isRedirected(const std::wstring& path)
                                 TRUE) != CSTR_EQUAL;
 }
 
-bool TARStreamWriterImp::beginRegularFile()
+bool TARStreamWriterImp::beginRegularFile(uint8_t type, const PaxAttributes& pax)
 {
     std::wstring relative;
     bool folderLike = false;
@@ -478,13 +570,127 @@ bool TARStreamWriterImp::beginRegularFile()
     fileRelative_ = relative;
     filePath_ = path;
     mode_ = headerMode(header_);
-    const int64_t time = headerNumber(header_ + kMtimeOffset);
-    modificationTime_ = (time > 0 && time <= kLastFileTimeSecond) ? time : 0;
+    if (type == kTypeSparse || pax.sparse())
+        return beginSparse(type, pax);
     if (entrySize_ == 0)
         finishEntry();
     else
         phase_ = Phase::FileData;
     return true;
+}
+
+bool TARStreamWriterImp::beginSparse(uint8_t type, const PaxAttributes& pax)
+{
+    if (type == kTypeSparse) {
+        if (!headerNumber(header_ + kSparseRealSizeOffset, &realSize_) || realSize_ < 0 ||
+            !readOldGnuSparseEntries(header_ + kSparseOffset, kSparseEntriesInHeader, sparse_))
+            return fail(tarerror::BadHeader);
+        if (header_[kSparseExtendedOffset] != 0) {
+            phase_ = Phase::SparseExtension;
+            return true;
+        }
+        return startSparseData();
+    }
+    realSize_ = pax.sparseRealSize;
+    if (realSize_ < 0)
+        return fail(tarerror::BadHeader);
+    if (pax.sparseMajor == 1 && pax.sparseMinor == 0) {
+        phase_ = Phase::SparseMap;
+        return entryBlocks_ > 0 ? true : fail(tarerror::BadHeader);
+    }
+    if (pax.sparseMajor > 0 || (pax.sparseCount >= 0 && static_cast<uint64_t>(pax.sparseCount) != pax.sparseMap.size()))
+        return fail(tarerror::BadHeader);
+    sparse_ = pax.sparseMap;
+    return startSparseData();
+}
+
+bool TARStreamWriterImp::readSparseExtension(const uint8_t* block)
+{
+    if (!readOldGnuSparseEntries(block, kSparseEntriesInExtension, sparse_))
+        return fail(tarerror::BadHeader);
+    return block[kSparseExtensionFlagOffset] != 0 ? true : startSparseData();
+}
+
+bool TARStreamWriterImp::collectSparseMap(const uint8_t* block)
+{
+    mapText_.append(reinterpret_cast<const char*>(block), kBlockSize);
+    mapLines_ += static_cast<size_t>(std::count(block, block + kBlockSize, '\n'));
+    ++blocksWritten_;
+    int64_t count = -1;
+    if (mapLines_ > 0 && !readDecimal(std::string_view(mapText_).substr(0, mapText_.find('\n')), count))
+        return fail(tarerror::BadHeader);
+    if (count >= 0 && mapLines_ >= 1 + 2 * static_cast<uint64_t>(count)) {
+        if (readSparseMapText(mapText_, sparse_) != MapText::Complete)
+            return fail(tarerror::BadHeader);
+        mapText_.clear();
+        mapLines_ = 0;
+        return startSparseData();
+    }
+    if (blocksWritten_ >= entryBlocks_ || static_cast<int64_t>(mapText_.size()) >= kMaxMapText)
+        return fail(tarerror::BadHeader);
+    return true;
+}
+
+bool TARStreamWriterImp::startSparseData()
+{
+    if (!sparseMapHolds(sparse_, realSize_, entryBlocks_ - blocksWritten_))
+        return fail(tarerror::BadHeader);
+    region_ = 0;
+    regionDone_ = 0;
+    phase_ = Phase::SparseData;
+    return nextSparseRegion();
+}
+
+bool TARStreamWriterImp::nextSparseRegion()
+{
+    while (region_ < sparse_.size() && sparse_[region_].size == 0)
+        ++region_;
+    if (region_ < sparse_.size())
+        return true;
+    // The holes after the last region: the file takes its real size.
+    std::fflush(file_.get());
+    const HANDLE handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file_.get())));
+    LARGE_INTEGER length;
+    length.QuadPart = realSize_;
+    if (handle == INVALID_HANDLE_VALUE || !SetFilePointerEx(handle, length, nullptr, FILE_BEGIN) || !SetEndOfFile(handle))
+        return fail(tarerror::ShortWrite);
+    finishEntry();
+    return true;
+}
+
+size_t TARStreamWriterImp::writeSparseData(const uint8_t* data, size_t blocks)
+{
+    const SparseRegion& region = sparse_[region_];
+    if (!file_ || (regionDone_ == 0 && _fseeki64(file_.get(), region.offset, SEEK_SET) != 0)) {
+        fail(tarerror::ShortWrite);
+        return 0;
+    }
+    const size_t toWrite = static_cast<size_t>(
+        std::min<int64_t>(static_cast<int64_t>(blocks * kBlockSize), region.size - regionDone_));
+    if (std::fwrite(data, 1, toWrite, file_.get()) != toWrite) {
+        fail(tarerror::ShortWrite);
+        return 0;
+    }
+    regionDone_ += static_cast<int64_t>(toWrite);
+    fileBytes_ += static_cast<int64_t>(toWrite);
+    const int64_t used = blocksFor(static_cast<int64_t>(toWrite));
+    blocksWritten_ += used;
+    if (regionDone_ == region.size) {
+        ++region_;
+        regionDone_ = 0;
+        if (!nextSparseRegion())
+            return 0;
+    }
+    return static_cast<size_t>(used);
+}
+
+int64_t TARStreamWriterImp::sparsePosition() const
+{
+    if (phase_ != Phase::SparseData || sparse_.empty())
+        return 0;
+    if (regionDone_ > 0)
+        return sparse_[region_].offset + regionDone_;
+    return region_ == 0 ? 0 : sparse_[region_ - 1].offset + sparse_[region_ - 1].size;
 }
 
 void TARStreamWriterImp::finishEntry()
@@ -597,9 +803,9 @@ bool TARStreamWriterImp::endOfInput()
         return false;
     const bool danglingPart = partialCount_ != 0 && !sawEndMarker_;
     const bool betweenEntries = phase_ == Phase::Header || phase_ == Phase::Trailing;
-    if (!betweenEntries || danglingPart || !longName_.empty() || !longLink_.empty())
+    if (!betweenEntries || danglingPart || !longName_.empty() || !longLink_.empty() || !paxEntry_.empty())
         return fail(tarerror::Truncated);
-    if (receivedAny_ && !sawArchive_)
+    if (!sawArchive_) // nothing at all, or nothing that is tar, is not an (empty) package
         return fail(tarerror::BadHeader);
     return true;
 }
@@ -607,8 +813,9 @@ bool TARStreamWriterImp::endOfInput()
 uint64_t TARStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacity)
 {
     const uint64_t unpackSize = unpack_.saveState(nullptr, nullptr);
-    const uint64_t size = kSinkFixedSize + longName_.size() + longLink_.size() +
-                          fileRelative_.size() * sizeof(wchar_t) + unpackSize;
+    const uint64_t size = kSinkFixedSize + kSinkMoreSize + longName_.size() + longLink_.size() +
+                          fileRelative_.size() * sizeof(wchar_t) + paxEntry_.size() + paxGlobal_.size() +
+                          mapText_.size() + sparse_.size() * sizeof(SparseRegion) + unpackSize;
     if (!out || !capacity || *capacity < size)
         return size;
     // What was written so far must be on disk before the record says so.
@@ -624,7 +831,7 @@ uint64_t TARStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacit
     auto* bytes = reinterpret_cast<uint8_t*>(out);
     RecordOut w(bytes);
     w.u32(static_cast<uint32_t>(size));
-    w.u32(kSinkRecordTag);
+    w.u32(kSinkRecordTag2);
     w.u32(static_cast<uint32_t>(phase_));
     w.u32(flags);
     w.u32(partialCount_);
@@ -642,9 +849,22 @@ uint64_t TARStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacit
     w.u32(static_cast<uint32_t>(unpackSize));
     w.put(partialBlock_, kBlockSize);
     w.put(header_, kBlockSize);
+    w.u32(static_cast<uint32_t>(paxEntry_.size()));
+    w.u32(static_cast<uint32_t>(paxGlobal_.size()));
+    w.u32(static_cast<uint32_t>(mapText_.size()));
+    w.u32(static_cast<uint32_t>(sparse_.size()));
+    w.u32(region_);
+    w.u32(0);
+    w.i64(paxLeft_);
+    w.i64(regionDone_);
+    w.i64(realSize_);
     w.put(longName_.data(), longName_.size());
     w.put(longLink_.data(), longLink_.size());
     w.put(fileRelative_.data(), fileRelative_.size() * sizeof(wchar_t));
+    w.put(paxEntry_.data(), paxEntry_.size());
+    w.put(paxGlobal_.data(), paxGlobal_.size());
+    w.put(mapText_.data(), mapText_.size());
+    w.put(sparse_.data(), sparse_.size() * sizeof(SparseRegion));
     std::vector<uint32_t> unpackRecord(static_cast<size_t>((unpackSize + 3) / 4));
     uint64_t unpackCapacity = unpackRecord.size() * sizeof(uint32_t);
     unpack_.saveState(reinterpret_cast<StreamStateHeader*>(unpackRecord.data()), &unpackCapacity);
@@ -677,27 +897,47 @@ bool TARStreamWriterImp::restoreState(const StreamStateHeader* record)
     r.u32(linkBytes);
     r.u32(relativeUnits);
     r.u32(unpackSize);
-    if (tag != kSinkRecordTag || phase > static_cast<uint32_t>(Phase::Trailing) || partial >= kBlockSize)
+    uint8_t partialBlock[kBlockSize];
+    uint8_t header[kBlockSize];
+    r.get(partialBlock, kBlockSize);
+    r.get(header, kBlockSize);
+    // A record of the first version holds nothing of extended headers or sparse files.
+    const bool second = tag == kSinkRecordTag2;
+    uint32_t paxBytes = 0, globalBytes = 0, mapBytes = 0, regions = 0, region = 0, reserved = 0;
+    int64_t paxLeft = 0, regionDone = 0, realSize = -1;
+    if (second && !(r.u32(paxBytes) && r.u32(globalBytes) && r.u32(mapBytes) && r.u32(regions) && r.u32(region) &&
+                    r.u32(reserved) && r.i64(paxLeft) && r.i64(regionDone) && r.i64(realSize)))
+        return false;
+    const Phase lastPhase = second ? Phase::SparseData : Phase::Trailing;
+    if ((tag != kSinkRecordTag && !second) || phase > static_cast<uint32_t>(lastPhase) || partial >= kBlockSize)
         return false;
     if (entrySize < 0 || entryBlocks != blocksFor(entrySize) || blocksWritten < 0 || blocksWritten > entryBlocks ||
         fileBytes < 0 || fileBytes > entrySize || time < 0 || time > kLastFileTimeSecond || nameLeft < 0 ||
         linkLeft < 0 || nameBytes > kMaxLongText || linkBytes > kMaxLongText || relativeUnits >= qv::kMaxLongPath)
         return false;
-    const uint64_t expected = kSinkFixedSize + static_cast<uint64_t>(nameBytes) + linkBytes +
-                              static_cast<uint64_t>(relativeUnits) * sizeof(wchar_t) + unpackSize;
+    if (paxBytes > kMaxPaxText || globalBytes > kMaxPaxText || mapBytes > kMaxMapText || regions > kMaxSparseRegions ||
+        region > regions || paxLeft < 0 || paxLeft > kMaxPaxText || regionDone < 0 || realSize < -1)
+        return false;
+    const uint64_t expected = kSinkFixedSize + (second ? kSinkMoreSize : 0) + static_cast<uint64_t>(nameBytes) +
+                              linkBytes + static_cast<uint64_t>(relativeUnits) * sizeof(wchar_t) + paxBytes +
+                              globalBytes + mapBytes + static_cast<uint64_t>(regions) * sizeof(SparseRegion) + unpackSize;
     if (expected != size)
         return false;
 
-    uint8_t partialBlock[kBlockSize];
-    uint8_t header[kBlockSize];
-    r.get(partialBlock, kBlockSize);
-    r.get(header, kBlockSize);
     std::string longName(nameBytes, '\0');
     std::string longLink(linkBytes, '\0');
     std::wstring relative(relativeUnits, L'\0');
+    std::string paxEntry(paxBytes, '\0');
+    std::string paxGlobal(globalBytes, '\0');
+    std::string mapText(mapBytes, '\0');
+    std::vector<SparseRegion> sparse(regions);
     r.get(longName.data(), nameBytes);
     r.get(longLink.data(), linkBytes);
     r.get(relative.data(), relativeUnits * sizeof(wchar_t));
+    r.get(paxEntry.data(), paxBytes);
+    r.get(paxGlobal.data(), globalBytes);
+    r.get(mapText.data(), mapBytes);
+    r.get(sparse.data(), regions * sizeof(SparseRegion));
     if (r.left() != unpackSize || unpackSize < sizeof(StreamStateHeader))
         return false;
     StreamStateHeader unpackHeader;
@@ -709,7 +949,18 @@ bool TARStreamWriterImp::restoreState(const StreamStateHeader* record)
     std::memcpy(unpackRecord.data(), r.here(), unpackSize);
 
     const Phase restoredPhase = static_cast<Phase>(phase);
-    if (restoredPhase == Phase::FileData && (relative.empty() || fileBytes >= entrySize))
+    const bool sparsePhase = restoredPhase == Phase::SparseExtension || restoredPhase == Phase::SparseMap ||
+                             restoredPhase == Phase::SparseData;
+    if ((restoredPhase == Phase::FileData || sparsePhase) && relative.empty())
+        return false;
+    if (restoredPhase == Phase::FileData && fileBytes >= entrySize)
+        return false;
+    int64_t storedBlocks = 0;
+    for (const SparseRegion& s : sparse)
+        storedBlocks += s.size >= 0 && s.size <= INT64_MAX / 2 ? blocksFor(s.size) : 0;
+    if (sparsePhase && (realSize < 0 || !sparseMapHolds(sparse, realSize, storedBlocks)))
+        return false;
+    if (restoredPhase == Phase::SparseData && (region >= regions || regionDone >= sparse[region].size))
         return false;
     if (!unpack_.restoreState(reinterpret_cast<const StreamStateHeader*>(unpackRecord.data())))
         return false;
@@ -735,9 +986,19 @@ bool TARStreamWriterImp::restoreState(const StreamStateHeader* record)
     longLink_ = std::move(longLink);
     longNameLeft_ = nameLeft;
     longLinkLeft_ = linkLeft;
+    paxEntry_ = std::move(paxEntry);
+    paxGlobal_ = std::move(paxGlobal);
+    paxLeft_ = paxLeft;
+    mapText_ = std::move(mapText);
+    mapLines_ = static_cast<size_t>(std::count(mapText_.begin(), mapText_.end(), '\n'));
+    sparse_ = std::move(sparse);
+    region_ = region;
+    regionDone_ = regionDone;
+    realSize_ = realSize;
     fileRelative_.clear();
     filePath_.clear();
-    if (phase_ == Phase::FileData && !reopenFile(relative, fileBytes))
+    if ((phase_ == Phase::FileData || sparsePhase) &&
+        !reopenFile(relative, phase_ == Phase::FileData ? fileBytes : sparsePosition()))
         return fail(tarerror::FileOpen);
     return true;
 }
@@ -759,15 +1020,16 @@ bool TARStreamWriterImp::reopenFile(const std::wstring& relative, int64_t length
         return false; // the checkpointed bytes are not all there: cannot continue exactly
     if (data.dwFileAttributes & FILE_ATTRIBUTE_READONLY)
         SetFileAttributesW(path.c_str(), data.dwFileAttributes ^ FILE_ATTRIBUTE_READONLY);
-    qv::UniqueCrtFile file(_wfsopen(path.c_str(), L"abc+", _SH_DENYNO));
+    // Not in append mode: a sparse file's next region is written further on.
+    qv::UniqueCrtFile file(_wfsopen(path.c_str(), L"r+bc", _SH_DENYNO));
     if (!file)
         return false;
-    // Appending continues exactly at the checkpointed length; later bytes are dropped.
+    // Writing continues exactly at the checkpointed length; later bytes are dropped.
     const HANDLE handle = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(file.get())));
     LARGE_INTEGER position;
     position.QuadPart = length;
     if (handle == INVALID_HANDLE_VALUE || !SetFilePointerEx(handle, position, nullptr, FILE_BEGIN) ||
-        !SetEndOfFile(handle))
+        !SetEndOfFile(handle) || _fseeki64(file.get(), length, SEEK_SET) != 0)
         return false;
     file_ = std::move(file);
     fileRelative_ = relative;

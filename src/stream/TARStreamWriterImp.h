@@ -3,12 +3,15 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "common/Win32Raii.h"
 #include "stream/Stream.h"
 #include "stream/TARStreamUnpackImp.h"
 #include "stream/TarHeaderBlock.h"
+#include "stream/TarPaxRecords.h"
 
 class TARStreamWriterImp final : public StreamWriter {
 public:
@@ -34,14 +37,29 @@ private:
         LongName = 3, // the text of a GNU long name
         LongLink = 4, // the text of a GNU long link target
         Trailing = 5, // bytes after the end of the archive
+        PaxEntry = 6,        // the records of an extended header for the next entry
+        PaxGlobal = 7,       // the records of a global extended header
+        SparseExtension = 8, // an extension block of an old GNU sparse map
+        SparseMap = 9,       // the map text in front of a sparse file's data
+        SparseData = 10,     // the stored regions of a sparse file
     };
 
     bool processBlocks(const uint8_t* data, size_t blocks);
     size_t writeFileData(const uint8_t* data, size_t blocks);
     void collectLongText(const uint8_t* block);
+    bool collectPaxText(const uint8_t* block);
     bool headerStep(const uint8_t* block);
-    bool beginEntry(uint8_t type);
-    bool beginRegularFile();
+    bool beginEntry(uint8_t type, int64_t time);
+    bool beginRegularFile(uint8_t type, const qv::tar::PaxAttributes& pax);
+    // Sparse files: the map's extension blocks or text, then the stored regions, each from a block
+    // boundary on; the file ends with its real size.
+    bool beginSparse(uint8_t type, const qv::tar::PaxAttributes& pax);
+    bool readSparseExtension(const uint8_t* block);
+    bool collectSparseMap(const uint8_t* block);
+    bool startSparseData();
+    bool nextSparseRegion();
+    size_t writeSparseData(const uint8_t* data, size_t blocks);
+    int64_t sparsePosition() const;
     bool makeHardLink();
     bool makeSymbolicLink();
     bool makeFolder();
@@ -78,6 +96,23 @@ private:
     int64_t longNameLeft_ = 0;
     std::string longLink_;
     int64_t longLinkLeft_ = 0;
+
+    // Extended header records: the next entry's (raw, as collected), the global ones, and the bytes of
+    // the header being collected that are still to come; the names they give the current entry.
+    std::string paxEntry_;
+    std::string paxGlobal_;
+    int64_t paxLeft_ = 0;
+    std::optional<std::string> paxName_;
+    std::optional<std::string> paxLink_;
+
+    // The current sparse file: its map, the region being written and how much of it is, its real size
+    // (-1: not a sparse file) and the map text of version 1.0 as collected (with its line count).
+    std::vector<qv::tar::SparseRegion> sparse_;
+    uint32_t region_ = 0;
+    int64_t regionDone_ = 0;
+    int64_t realSize_ = -1;
+    std::string mapText_;
+    size_t mapLines_ = 0;
 
     int64_t blocksWritten_ = 0; // data blocks of the current entry consumed so far
     int64_t entrySize_ = 0;

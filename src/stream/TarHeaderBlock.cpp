@@ -5,28 +5,35 @@
 
 namespace qv::tar {
 
-int64_t headerNumber(const uint8_t* field)
+bool headerNumber(const uint8_t* field, int64_t* value)
 {
-    if (field[0] == 0x80) {
-        // Big-endian binary in the remaining 11 bytes; only 63 bits are meaningful here.
-        uint64_t value = 0;
+    *value = -1;
+    if (field[0] == 0x80 || field[0] == 0xFF) {
+        // Big-endian two's complement; only non-negative values of 63 bits are of use here.
+        if (field[0] == 0xFF)
+            return true;
+        uint64_t result = 0;
         for (size_t i = 1; i < kNumberSize; ++i) {
-            if (value >> 55)
-                return -1;
-            value = (value << 8) | field[i];
+            if (result >> 55)
+                return true;
+            result = (result << 8) | field[i];
         }
-        return value > static_cast<uint64_t>(INT64_MAX) ? -1 : static_cast<int64_t>(value);
+        *value = result > static_cast<uint64_t>(INT64_MAX) ? -1 : static_cast<int64_t>(result);
+        return true;
     }
-    if (field[0] == 0xFF)
-        return -1; // negative binary number
-    // Not validated on purpose: the writers this reads put 11 octal digits here.
-    int64_t value = 0;
-    for (size_t i = 0; i < kNumberSize - 1; ++i) {
-        const uint8_t c = field[i];
-        const int64_t digit = (c >= '0' && c <= '9') ? c - '0' : 0;
-        value = value * 8 + digit;
+    size_t i = field[0] == 0 ? 1 : 0; // a writer of old let the previous field overflow into this NUL
+    while (i < kNumberSize && field[i] == ' ')
+        ++i;
+    int64_t result = 0;
+    for (; i < kNumberSize && field[i] >= '0' && field[i] <= '7'; ++i) {
+        if (result >> 60)
+            return true;
+        result = result * 8 + (field[i] - '0');
     }
-    return value;
+    if (i < kNumberSize && field[i] != ' ' && field[i] != 0)
+        return false;
+    *value = result;
+    return true;
 }
 
 uint32_t headerMode(const uint8_t* block)

@@ -33,8 +33,22 @@ constexpr uint8_t kTypeSymbolicLink = '2';
 constexpr uint8_t kTypeFolder = '5';
 constexpr uint8_t kTypeLongLink = 'K';
 constexpr uint8_t kTypeLongName = 'L';
+constexpr uint8_t kTypeContiguous = '7';
+constexpr uint8_t kTypeDumpDir = 'D';
+constexpr uint8_t kTypeMultiVolume = 'M';
+constexpr uint8_t kTypeOldLongNames = 'N';
+constexpr uint8_t kTypeSparse = 'S';
 constexpr uint8_t kTypePaxEntry = 'x';
 constexpr uint8_t kTypePaxGlobal = 'g';
+
+// Old GNU sparse header: four map entries (offset and size, 12 bytes each), an "extended" flag and the
+// real size; each extension block holds 21 more entries and its own flag.
+constexpr size_t kSparseOffset = 386;
+constexpr size_t kSparseEntriesInHeader = 4;
+constexpr size_t kSparseExtendedOffset = 482;
+constexpr size_t kSparseRealSizeOffset = 483;
+constexpr size_t kSparseEntriesInExtension = 21;
+constexpr size_t kSparseExtensionFlagOffset = 504;
 
 // Name under which GNU tar stores long names and long link targets.
 constexpr char kLongLinkMarker[] = "././@LongLink";
@@ -43,10 +57,11 @@ constexpr size_t kLongLinkMarkerLength = sizeof(kLongLinkMarker) - 1;
 // Owner-write permission bit of the mode field.
 constexpr uint32_t kOwnerWrite = 0200;
 
-// Size or time field: the first 11 characters, each worth its value less '0' ('8' and '9' at face
-// value, anything else 0), as octal digits. A field starting with 0x80 holds a big-endian binary number
-// (GNU, for values that do not fit). Returns -1 for a number that does not fit in 63 bits or is negative.
-int64_t headerNumber(const uint8_t* field);
+// A 12-byte numeric field: octal digits after one optional NUL and any blanks, ended by a blank, a NUL
+// or the field's end (no digits at all reads 0); or, when the first byte is 0x80 or 0xFF, a big-endian
+// two's-complement number (GNU, for values that do not fit). False for anything else; a negative or
+// over-large value is -1 in *value.
+bool headerNumber(const uint8_t* field, int64_t* value);
 
 // The mode field through the C runtime's base-8 conversion.
 uint32_t headerMode(const uint8_t* block);
