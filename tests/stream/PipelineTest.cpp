@@ -284,19 +284,29 @@ TEST(Pipeline, PlainBlocksArriveWholeEachInTheJobsCurrentSinkAndBothEndsCheckpoi
     EXPECT_TRUE(refused.services.createdPositions.empty());
 }
 
-TEST(Pipeline, PackagesExtractOrFailCleanly)
+TEST(Pipeline, PackagesExtractAsGnuTarDoesOrFailCleanly)
 {
     constexpr uint32_t kIgnored = ~0u;
     const struct {
         std::vector<std::wstring> blocks;
         uint32_t middle, sink, error; // exit codes and the error message, 0 for none
-    } rows[] = {{{L"pipeline-gnu.tar.lzma2"}, 0, 0, 0},
-                {{L"pipeline-gnu_001_002.tar.lzma2", L"pipeline-gnu_002_002.tar.lzma2"}, 0, 0, 0},
-                {{L"pipeline-gnu.sfx.exe"}, 0, 0, 0}, // stub and header before the package
-                {{L"pipeline-cut.tar.lzma2"}, SZ_ERROR_INPUT_EOF, kIgnored, msg::DecompressFailed},
-                {{L"pipeline-badprop.tar.lzma2"}, SZ_ERROR_UNSUPPORTED, kIgnored, msg::DecompressFailed},
-                {{L"pipeline-cuttar.tar.lzma2"}, 0, qvdlm::tarerror::Truncated, msg::UnpackageFailed},
-                {{L"pipeline-hostile.tar.lzma2"}, kIgnored, qvdlm::tarerror::FileOpen, msg::UnpackageFailed}};
+        std::string tree;             // what GNU tar made of the archive (tar-archives/<tree>-tree)
+    } rows[] = {{{L"pipeline-gnu.tar.lzma2"}, 0, 0, 0, "gnu"},
+                {{L"pipeline-gnu_001_002.tar.lzma2", L"pipeline-gnu_002_002.tar.lzma2"}, 0, 0, 0, "gnu"},
+                {{L"pipeline-gnu.sfx.exe"}, 0, 0, 0, "gnu"}, // stub and header before the package
+                {{L"pipeline-cut.tar.lzma2"}, SZ_ERROR_INPUT_EOF, kIgnored, msg::DecompressFailed, ""},
+                {{L"pipeline-badprop.tar.lzma2"}, SZ_ERROR_UNSUPPORTED, kIgnored, msg::DecompressFailed, ""},
+                {{L"pipeline-cuttar.tar.lzma2"}, 0, qvdlm::tarerror::Truncated, msg::UnpackageFailed, ""},
+                {{L"pipeline-hostile.tar.lzma2"}, kIgnored, qvdlm::tarerror::FileOpen, msg::UnpackageFailed, ""},
+                // Other writers and formats: names of 100, 101, 255 and 1000 bytes, a hard link to the longest, a
+                // file with holes, a time with a fraction of a second.
+                {{L"pipeline-x-gnu.tar.lzma2"}, 0, 0, 0, "x-gnu"}, {{L"pipeline-x-gnu-sparse.tar.lzma2"}, 0, 0, 0, "x-gnu-sparse"},
+                {{L"pipeline-x-posix.tar.lzma2"}, 0, 0, 0, "x-posix"}, {{L"pipeline-x-posix-sparse.tar.lzma2"}, 0, 0, 0, "x-posix-sparse"},
+                {{L"pipeline-x-sparse00.tar.lzma2"}, 0, 0, 0, "x-sparse00"}, {{L"pipeline-x-sparse01.tar.lzma2"}, 0, 0, 0, "x-sparse01"},
+                {{L"pipeline-x-bsdtar.tar.lzma2"}, 0, 0, 0, "x-bsdtar"}, {{L"pipeline-x-python-pax.tar.lzma2"}, 0, 0, 0, "x-python-pax"},
+                {{L"pipeline-x-python-gnu.tar.lzma2"}, 0, 0, 0, "x-python-gnu"},
+                {{L"pipeline-x-huge-cut.tar.lzma2"}, 0, qvdlm::tarerror::Truncated, msg::UnpackageFailed, ""}, // 9 GiB by its pax size
+                {{L"pipeline-x-empty.tar.lzma2"}, 0, qvdlm::tarerror::BadHeader, msg::UnpackageFailed, ""}};
     for (const auto& row : rows) {
         SCOPED_TRACE(qvtest::narrow(row.blocks[0]));
         Pipeline p(row.blocks);
@@ -304,14 +314,14 @@ TEST(Pipeline, PackagesExtractOrFailCleanly)
         const auto codes = p.run(false);
         EXPECT_TRUE((codes[0] == 0 || (row.error && codes[0] == state::Aborting)) && codes[1] != kTimedOut &&
                     (row.middle == kIgnored || row.middle == codes[1]) && (row.sink == kIgnored || row.sink == codes[2]))
-            << codes[0] << " " << codes[1] << " " << codes[2];
+            << codes[0] << " " << codes[1] << " " << std::hex << codes[2];
         EXPECT_EQ(row.error ? 1 : 0, p.count(event::Error, row.error));
         EXPECT_EQ(row.error ? 0 : 1, p.count(event::Information, msg::UnpackageCompleted));
         EXPECT_EQ(row.error == msg::DecompressFailed, p.job.statuses == std::vector<uint32_t>({qvdlm::status::GeneralError}));
         const auto calls = p.links->calls();
         p.targets.clear(); // closes the sink's file
         if (!row.error)
-            expectTree(p.dir.path(), "gnu", &calls);
+            expectTree(p.dir.path(), row.tree, &calls);
         EXPECT_FALSE(qvtest::fileExists(p.dir / L"..\\evil.txt"));
     }
 }

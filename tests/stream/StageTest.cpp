@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cwctype>
 #include <functional>
+#include <numeric>
 
 #include "QvDLMCodes.h"
 #include "TarTestSupport.h"
@@ -77,6 +78,21 @@ std::vector<Case> cases()
     const auto file = [](const std::string& name) { return TarBuilder().file("inside/fine.txt", "fine").file(name, "evil").bytes(); };
     const auto hard = [](const std::string& target) { return TarBuilder().hardLink("h.txt", target).bytes(); };
     const auto sym = [](const std::string& target) { return TarBuilder().symLink("s", target).bytes(); };
+    const auto rec = [](const std::string& key, const std::string& value) { // one extended header record
+        const std::string tail = " " + key + "=" + value + "\n";
+        size_t n = tail.size() + 1;
+        while (std::to_string(n).size() + tail.size() != n)
+            ++n;
+        return std::to_string(n) + tail;
+    };
+    const auto pax = [](const std::string& text) { return TarBuilder().entry("PaxHeaders/e", 'x', text); };
+    const auto sized = [](const std::string& field, const std::string& data) { // a size field as written, resealed
+        std::string b = headerBlock("z.txt", '0', 0).replace(124, 12, field).replace(148, 8, 8, ' ');
+        char sum[8];
+        std::snprintf(sum, sizeof sum, "%06o", std::accumulate(b.begin(), b.end(), 0u, [](unsigned t, char c) { return t + static_cast<uint8_t>(c); }));
+        return b.replace(148, 7, sum, 7) + data + TarBuilder().file("after.txt", "after").bytes();
+    };
+    std::string holes = std::string(10, 'a') + std::string(502, '\0') + std::string(20, 'b') + std::string(492, '\0');
     return {
         {"sizes around whole blocks", TarBuilder().folder("d/").file("d/0", "").file("d/511", std::string(511, '5'))
              .file("d/512", std::string(512, '2')).file("d/513", std::string(513, '3')).file("after", "after").bytes(), 0,
@@ -95,6 +111,21 @@ std::vector<Case> cases()
          {{"a.txt", "a"}, {"b.txt", "b"}, {"c.txt", kAbsent}}},
         {"header without a checksum", unsummed, 0, {{"unsummed.txt", "abc"}}},
         {"header with a wrong checksum", damaged, BadHeader, {{"x.txt", kAbsent}, {"y.txt", kAbsent}}},
+        {"extended records name, link and time the next entry", pax(rec("path", longName) + rec("mtime", "1234567890.5") + rec("uname", "u"))
+             .file("cut", "paxed").entry("g", 'g', rec("comment", "c")).entry("x", 'x', rec("linkpath", longName)).hardLink("h", "cut").bytes(), 0,
+         {{longName, "paxed"}, {"cut", kAbsent}, {"h", "paxed"}}},
+        {"records out of shape", pax("30 path=x\n").file("f", "f").bytes(), BadHeader, {{"f", kAbsent}}}, {"", pax("9 pathxx\n").bytes(), BadHeader, {}},
+        {"", pax("x path=x\n").bytes(), BadHeader, {}}, {"", pax("6 =xx\n").bytes(), BadHeader, {}}, {"", pax("5 a=x ").bytes(), BadHeader, {}},
+        {"", pax(rec("size", "12a")).bytes(), BadHeader, {}}, {"", pax(rec("path", "p")).bytes(false), Truncated, {}},
+        {"size fields: NULs then digits read 0, GNU binary", sized(std::string("\0\0\0\0\0\0\0\0016\0\0\0", 12), ""), 0, {{"z.txt", ""}, {"after.txt", "after"}}},
+        {"", sized(std::string("\x80\0\0\0\0\0\0\0\0\0\0\5", 12), std::string("hello").append(507, '\0')), 0, {{"z.txt", "hello"}}},
+        {"", sized(std::string("0000000001x", 12), ""), BadHeader, {{"after.txt", kAbsent}}},
+        {"sparse file of version 0.1", pax(rec("GNU.sparse.size", "1000") + rec("GNU.sparse.map", "0,10,600,20")).file("s", holes).bytes(), 0,
+         {{"s", std::string(10, 'a') + std::string(590, '\0') + std::string(20, 'b') + std::string(380, '\0')}}},
+        {"sparse maps that do not hold", pax(rec("GNU.sparse.size", "1000") + rec("GNU.sparse.map", "600,10,0,20")).file("s", holes).bytes(), BadHeader, {}},
+        {"", pax(rec("GNU.sparse.size", "100") + rec("GNU.sparse.map", "0,10,600,20")).file("s", holes).bytes(), BadHeader, {}},
+        {"", pax(rec("GNU.sparse.size", "1000") + rec("GNU.sparse.map", "0,10")).file("s", holes).bytes(), BadHeader, {}},
+        {"", pax(rec("GNU.sparse.major", "1") + rec("GNU.sparse.minor", "0") + rec("GNU.sparse.realsize", "9")).file("s", "3\n0\n1\n").bytes(), BadHeader, {}},
         {"random bytes", qvtest::patternBytes(65536, 99), BadHeader, {}},
         {"hard link to a missing file", hard("missing.txt"), HardLink, {}},
         {"file on a folder", TarBuilder().folder("t/").file("t", "x").bytes(), FileOpen, {}}, {"folder on a file", TarBuilder().file("t", "x").folder("t/").bytes(), Folder, {}},
@@ -118,6 +149,10 @@ std::vector<Case> cases()
         {"links that lead outside", sym(".."), SymbolicLink, {}}, {"", sym("/etc"), SymbolicLink, {}}, {"", sym("C:\\Windows"), SymbolicLink, {}},
         {"", sym("sub/../../x"), SymbolicLink, {}}, {"", sym(climb), SymbolicLink, {}}, {"", TarBuilder().symLink("sub/s", "../../dest2").bytes(), SymbolicLink, {}},
         {"link placed outside", TarBuilder().symLink("../s", "dest/inside").bytes(), SymbolicLink, {}},
+        {"extended names that leave", pax(rec("path", "../evil.txt")).file("fine.txt", "x").bytes(), FileOpen, {{"fine.txt", kAbsent}}},
+        {"", pax(rec("GNU.sparse.name", "../evil.txt") + rec("GNU.sparse.map", "0,10") + rec("GNU.sparse.size", "10")).file("s", "x").bytes(), FileOpen, {}},
+        {"", pax(rec("linkpath", "../bait.txt")).hardLink("h.txt", "fine").bytes(), HardLink, {}},
+        {"", pax(rec("linkpath", "../../x")).symLink("s", "fine").bytes(), SymbolicLink, {}},
         {"file that climbs out through a link made before", TarBuilder().symLink("s", "inner").file("s/../../evil.txt", "e").bytes(),
          FileOpen, {}},
     };
@@ -347,24 +382,32 @@ TEST(TarSink, GnuAndUstarArchivesExtractByteIdenticalInAnyChunking)
 
 TEST(TarSink, CheckpointMidEntryRestoredIntoAFreshSinkGivesTheSameTree)
 {
-    const std::string& archive = gnuTar();
-    const size_t longName = archive.find("././@LongLink");
-    ASSERT_NE(longName, std::string::npos);
-    for (size_t cut : {size_t{7777}, longName + 100, longName + 512 + 300, archive.size() / 2 + 4097, archive.size() - 10243}) {
-        SCOPED_TRACE(cut);
+    const auto archive = [](const std::string& format) { return contents(workFolder(L"tar-archives\\" + qvtest::widen(format) + L".tar")); };
+    const std::string gnu = gnuTar(), posix = archive("x-posix"), pax1 = archive("x-posix-sparse"), old = archive("x-gnu-sparse"), pax0 = archive("x-sparse00");
+    const size_t longName = gnu.find("././@LongLink"), pathRecord = posix.find("path=./kkk") / 512 * 512 + 512;
+    const size_t map = pax1.find("GNUSparseFile") - 2, holes = old.find("./holes.bin");
+    ASSERT_TRUE(longName != std::string::npos && map < pax1.size() && holes < old.size() && pax0.find("GNU.sparse.size") < pax0.size());
+    const struct { std::string format; size_t cut; } rows[] = { // inside a long name, a data block, extended records, sparse maps and data
+        {"gnu", 7777}, {"gnu", longName + 100}, {"gnu", longName + 512 + 300}, {"gnu", gnu.size() / 2 + 4097}, {"gnu", gnu.size() - 10243},
+        {"x-posix", pathRecord - 300}, {"x-posix", pathRecord + 100}, {"x-sparse00", pax0.find("GNU.sparse.size") + 600},
+        {"x-posix-sparse", map - 20}, {"x-posix-sparse", map + 512 + 20}, {"x-posix-sparse", map + 1024 + 70000},
+        {"x-gnu-sparse", holes + 600}, {"x-gnu-sparse", holes + 1024 + 4096}, {"x-gnu-sparse", holes + 1024 + 70000}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.format + " " + std::to_string(row.cut));
+        const std::string bytes = row.format == "gnu" ? gnu : archive(row.format);
         qvtest::ScratchDir dest(L"tar-checkpoint");
         std::string record;
         {
             TARStreamWriterImp first(dest.path().c_str());
-            ASSERT_TRUE(feed(first, archive, 65536, 0, cut));
+            ASSERT_TRUE(feed(first, bytes, 65536, 0, row.cut));
             record = saveRecord(first);
-            ASSERT_TRUE(feed(first, archive, 65536, cut, cut + 300000)); // lost with the process
+            ASSERT_TRUE(feed(first, bytes, 65536, row.cut, row.cut + 300000)); // lost with the process
         }
         TARStreamWriterImp restored;
         ASSERT_TRUE(restored.restoreState(asRecord(record)));
-        ASSERT_TRUE(feed(restored, archive, 4 << 20, cut));
+        ASSERT_TRUE(feed(restored, bytes, 4 << 20, row.cut)) << std::hex << restored.lastStatus();
         EXPECT_TRUE(restored.endOfInput());
-        expectTree(dest.path(), "gnu", nullptr);
+        expectTree(dest.path(), row.format, nullptr);
     }
 }
 

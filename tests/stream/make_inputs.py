@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """make_inputs.py <work> <www>: in <work>/tar-archives, <format>.tar of <format>-tree/ by GNU tar, the trees'
-symbolic links in <format>.links, and linked/<kind>/ (dest/s links to a folder or file outside dest); in <www>,
-pipeline-<kind>.tar.lzma2 (raw LZMA2 by xz behind its dictionary property byte) and pipeline-gnu.sfx.exe."""
+symbolic links in <format>.links, and linked/<kind>/ (dest/s links to a folder or file outside dest); <kind>.tar
+of other writers (GNU tar's other formats and sparse forms, bsdtar, Python's tarfile) with GNU tar's own
+extraction in <kind>-tree/; in <www>, pipeline-<kind>.tar.lzma2 (raw LZMA2 by xz behind its dictionary property
+byte) and pipeline-gnu.sfx.exe."""
 import io, os, random, shutil, subprocess, sys, tarfile
 
 BASE = 1500000000
@@ -14,8 +16,9 @@ def pattern(size, seed):  # random up to 256 KiB, repeated beyond: LZMA2 stores 
 
 def put(path, data, mtime=None, mode=0o644):
     os.makedirs(os.path.dirname(path), exist_ok=True)
-    open(path + ".tmp", "wb").write(data)
-    os.replace(path + ".tmp", path)
+    tmp = os.path.join(os.path.dirname(path), ".put.tmp")
+    open(tmp, "wb").write(data)
+    os.replace(tmp, path)
     if mtime:
         os.utime(path, (mtime, mtime))
         os.chmod(path, mode)
@@ -56,6 +59,40 @@ def hostile():  # GNU tar would strip the "../"
     return data.getvalue()
 
 
+def foreign(out):  # long names, a hard link to one, a fraction of a second, and a file with holes
+    src = os.path.join(out, "foreign-src")
+    names = ["n" * 100, "m" * 101, "k" * 255, "/".join(["d" * 240] * 4) + "/" + "f" * 35]  # 100, 101, 255 and 1000 bytes
+    for i, name in enumerate(names + ["gr\u00fc\u00dfe/\u00e9t\u00e9.txt"]):
+        put(os.path.join(src, name), pattern(700 + 300 * i, 20 + i), BASE + i)
+    os.link(os.path.join(src, names[3]), os.path.join(src, "hardlink-to-long"))
+    put(os.path.join(src, "fraction.txt"), b"fraction\n")
+    os.utime(os.path.join(src, "fraction.txt"), ns=(BASE * 10**9 + 750000000,) * 2)
+    holes = os.path.join(src, "holes.bin")  # 30 stretches of data, then a hole to 3 MiB: old GNU needs extension blocks
+    for i in range(30):
+        subprocess.run(["dd", "if=/dev/urandom", "of=" + holes, "bs=1000", "count=1", "seek=%d" % (i * 65 + 3), "conv=notrunc",
+                        "status=none"], check=True)
+    subprocess.run(["truncate", "-s", "3M", holes], check=True)
+    os.utime(holes, (BASE + 9, BASE + 9))
+    tar = ["tar", "--sort=name", "--owner=0", "--group=0", "--numeric-owner", "-C", src]
+    made = {"x-gnu": tar + ["--format=gnu"], "x-gnu-sparse": tar + ["--format=gnu", "--sparse"], "x-posix": tar + ["--format=posix"],
+            "x-posix-sparse": tar + ["--format=posix", "--sparse"], "x-sparse00": tar + ["--format=posix", "--sparse", "--sparse-version=0.0"],
+            "x-sparse01": tar + ["--format=posix", "--sparse", "--sparse-version=0.1"], "x-bsdtar": ["bsdtar", "-C", src]}
+    for kind, command in made.items():
+        subprocess.run(command + ["-cf", os.path.join(out, kind + ".tar"), "."], check=True)
+    for kind, fmt in [("x-python-pax", tarfile.PAX_FORMAT), ("x-python-gnu", tarfile.GNU_FORMAT)]:
+        with tarfile.open(os.path.join(out, kind + ".tar"), "w", format=fmt) as t:
+            t.add(src, ".")
+    for kind in list(made) + ["x-python-pax", "x-python-gnu"]:
+        os.makedirs(os.path.join(out, kind + "-tree"))
+        subprocess.run(["tar", "-xf", os.path.join(out, kind + ".tar"), "-C", os.path.join(out, kind + "-tree")], check=True)
+        put(os.path.join(out, kind + ".links"), b"")
+        yield kind, open(os.path.join(out, kind + ".tar"), "rb").read()
+    huge = tarfile.TarInfo("huge.bin")  # 9 GiB declared (a pax size), 64 KiB there
+    huge.size = 9 << 30
+    yield "x-huge-cut", huge.tobuf(tarfile.PAX_FORMAT) + pattern(65536, 30)
+    yield "x-empty", b""
+
+
 def main():
     work, www = sys.argv[1], sys.argv[2]
     out = os.path.join(work, "tar-archives")
@@ -78,6 +115,8 @@ def main():
                        ("gnu_002_002", packed[half:]), ("cut", packed[:-500]), ("badprop", b"\x29" + packed[1:]),
                        ("cuttar", lzma2(tar[:tar.find(b"big.bin") + 512 + 4096], 1 << 20)), ("hostile", lzma2(hostile(), 1 << 16))]:
         put(os.path.join(www, "pipeline-%s.tar.lzma2" % name), data)
+    for name, data in foreign(out):
+        put(os.path.join(www, "pipeline-%s.tar.lzma2" % name), lzma2(data, 1 << 20))
     header = tarfile.TarInfo("payload.tar.lzma2")  # a self-extracting package: stub, one header, package
     header.size = len(packed)
     put(os.path.join(www, "pipeline-gnu.sfx.exe"), pattern(3001, 9) + header.tobuf(tarfile.USTAR_FORMAT) + packed)
