@@ -87,6 +87,17 @@ std::string entry(const std::string& name, char type, const std::string& data = 
     return longName(name, 'L') + longName(link, 'K') + header(name, type, data.size(), link) + padded(data);
 }
 
+// One extended header record, and an extended header of records.
+std::string rec(const std::string& key, const std::string& value)
+{
+    const std::string tail = " " + key + "=" + value + "\n";
+    size_t n = tail.size() + 1;
+    while (std::to_string(n).size() + tail.size() != n)
+        ++n;
+    return std::to_string(n) + tail;
+}
+std::string paxed(const std::string& records) { return header("PaxHeaders/e", 'x', records.size()) + padded(records); }
+
 // Every file and folder below root, as relative name and content ("/" ends a folder's name).
 std::map<std::string, std::string> tree(const std::wstring& root, const std::string& prefix = "")
 {
@@ -185,7 +196,11 @@ TEST(Fuzz, HostileAndDamagedTarStreamsStayInsideTheDestination)
         std::string bytes, good;
         for (uint64_t i = 0, n = rng.below(4); i < n; ++i)
             bytes += rng.chance(30) ? entry("dir" + std::to_string(i), '5') : entry(good = "f" + std::to_string(i) + ".bin", '0', qvtest::patternBytes(rng.below(1500), 1));
-        const std::string name = rng.pick(names), target = rng.pick(targets);
+        const std::string name = rng.pick(names), target = rng.pick(targets), record = rec("path", "p" + std::to_string(rng.below(1000)));
+        const std::string badRecords[] = {"9" + record, record.substr(0, record.size() - 1) + " ", "x" + record.substr(1),
+                                          record.substr(0, record.size() - 1), std::string(record).replace(record.find('='), 1, "_")};
+        const int64_t real = static_cast<int64_t>(rng.below(2000)), beyond = real + 1 + static_cast<int64_t>(rng.below(100));
+        const std::string map = rng.chance(50) ? std::to_string(beyond) + ",1" : "600,10,0,20"; // past the end, or descending
         const std::pair<std::string, uint32_t> hostile[] = {
             {entry(name, '0', "escaped"), qvdlm::tarerror::FileOpen}, {entry(name, '5'), qvdlm::tarerror::Folder},
             {entry("hl-out", '1', "", target), qvdlm::tarerror::HardLink}, {entry("sl-out", '2', "", target), qvdlm::tarerror::SymbolicLink},
@@ -195,6 +210,12 @@ TEST(Fuzz, HostileAndDamagedTarStreamsStayInsideTheDestination)
             {header("huge.bin", '0', 077777777777ull) + std::string(512 * (1 + rng.below(4)), 'y'), qvdlm::tarerror::Truncated},
             {header("././@LongLink", 'L', 5000) + std::string(512, 'n'), qvdlm::tarerror::Truncated},
             {entry("second.bin", '0', std::string(2000, 'd')).substr(0, 513 + rng.below(1999)), qvdlm::tarerror::Truncated},
+            {paxed(rec("path", name)) + entry("cut", '0', "escaped"), qvdlm::tarerror::FileOpen},
+            {paxed(rec("linkpath", target)) + entry("hl-out", '1', "", "x"), qvdlm::tarerror::HardLink},
+            {paxed(rng.pick(badRecords)) + entry("f.bin", '0', "x"), qvdlm::tarerror::BadHeader},
+            {paxed(rec("GNU.sparse.size", std::to_string(real)) + rec("GNU.sparse.map", map)) + entry("sp", '0', std::string(1024, 's')), qvdlm::tarerror::BadHeader},
+            {paxed(rec("GNU.sparse.major", "1") + rec("GNU.sparse.minor", "0") + rec("GNU.sparse.realsize", std::to_string(real))) +
+                 entry("GNUSparseFile.0/sp", '0', padded("1\n" + std::to_string(beyond) + "\n1\n") + "s"), qvdlm::tarerror::BadHeader},
             {"", 0},
         };
         const auto& [tail, code] = rng.pick(hostile);
