@@ -422,6 +422,14 @@ TEST(TarSink, CheckpointsThatNoLongerFitAreRefused)
     const_cast<StreamStateHeader*>(asRecord(shorter))->size = static_cast<uint32_t>(shorter.size());
     EXPECT_FALSE(TARStreamWriterImp().restoreState(asRecord(shorter)));
     EXPECT_FALSE(TARStreamWriterImp().restoreState(nullptr));
+    std::string first = record; // as written before extended headers were read: no second fixed part, tag "TAR1"
+    first.erase(1120, 48).replace(4, 4, "TAR1");
+    const_cast<StreamStateHeader*>(asRecord(first))->size = static_cast<uint32_t>(first.size());
+    TARStreamWriterImp older;
+    EXPECT_TRUE(older.restoreState(asRecord(first)) && feed(older, TarBuilder().file("data.bin", std::string(4000, 'd')).bytes(), 512, 2560) &&
+                older.endOfInput());
+    older.close();
+    EXPECT_EQ(contents(dest + L"\\data.bin"), std::string(4000, 'd'));
     sink.close();
     ASSERT_TRUE(qvtest::writeFile(dest + L"\\data.bin", "short")); // the entry's file lost bytes: a hole would follow
     EXPECT_FALSE(TARStreamWriterImp().restoreState(asRecord(record)));
