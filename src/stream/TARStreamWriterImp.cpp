@@ -953,7 +953,8 @@ bool TARStreamWriterImp::restoreState(const StreamStateHeader* record)
                              restoredPhase == Phase::SparseData;
     if ((restoredPhase == Phase::FileData || sparsePhase) && relative.empty())
         return false;
-    if (restoredPhase == Phase::FileData && fileBytes >= entrySize)
+    if ((restoredPhase == Phase::FileData && fileBytes >= entrySize) ||
+        ((restoredPhase == Phase::PaxEntry || restoredPhase == Phase::PaxGlobal) && paxLeft == 0))
         return false;
     int64_t storedBlocks = 0;
     for (const SparseRegion& s : sparse)

@@ -105,6 +105,8 @@ std::vector<Case> cases()
              .entry("dev/null", '3').file("plain.txt", "plain").bytes(), 0, {{"plain.txt", "plain"}, {"dev", kAbsent}}},
         {"hard links, with long link names", TarBuilder().file("o.txt", "shared").hardLink("l.txt", "o.txt").file(longTarget, "far")
              .hardLink("l2.txt", longTarget).bytes(), 0, {{"l.txt", "shared"}, {"l2.txt", "far"}}},
+        {"GNU folder listing, contiguous file", TarBuilder().entry("dd/", 'D', std::string("Nf\0\0", 4)).entry("c.bin", '7', "contiguous").bytes(), 0,
+         {{"dd", ""}, {"c.bin", "contiguous"}}}, {"continued from another volume", TarBuilder().entry("m", 'M', "x").bytes(), BadHeader, {}},
         {"regular entry named like a folder", TarBuilder().file("old/", "").file("old/in.txt", "in").bytes(), 0, {{"old/in.txt", "in"}}},
         {"concatenated archives go on, other bytes after the end are left", TarBuilder().file("a.txt", "a").bytes() +
              TarBuilder().file("b.txt", "b").bytes() + appended + TarBuilder().file("c.txt", "c").bytes(), 0,
