@@ -140,6 +140,7 @@ void HTTPStreamImp::closeHandles()
     responseChecked_ = false;
     bodyExpected_ = -1;
     bodyReceived_ = 0;
+    deferredError_ = 0;
 }
 
 void HTTPStreamImp::close()
@@ -405,6 +406,11 @@ uint32_t HTTPStreamImp::readBytes(uint8_t* buffer, uint32_t capacity)
         lastStatus_ = 0;
         return 0;
     }
+    if (deferredError_) {
+        lastStatus_ = deferredError_;
+        deferredError_ = 0;
+        return kReadFailed;
+    }
     // A synchronous read waits until its whole size has come: ask what has arrived and take only that,
     // waiting only while nothing has.
     const uint32_t want = std::min(capacity, kMaxPiece);
@@ -416,10 +422,11 @@ uint32_t HTTPStreamImp::readBytes(uint8_t* buffer, uint32_t capacity)
         if (!InternetQueryDataAvailable(handleOf(request_), &available, 0, 0) ||
             (available > 0 &&
              !InternetReadFile(handleOf(request_), buffer + read, std::min<DWORD>(available, want - read), &taken))) {
-            if (read > 0)
-                break; // what came before the failure is handed out; the next read meets it again
             failWithLastError();
-            return kReadFailed;
+            if (read == 0)
+                return kReadFailed;
+            deferredError_ = lastStatus_; // what came before the failure is handed out first
+            break;
         }
         read += taken;
         if (taken == 0 || GetTickCount64() - begun >= kPieceMs)
@@ -447,6 +454,8 @@ uint32_t HTTPStreamImp::readBytesAligned(uint8_t* buffer, uint32_t capacity, boo
         // The stub in front of the data is looked for once, in the whole first buffer.
         while (align && !aligned_ && count > 0 && count < capacity) {
             const uint32_t more = readBytes(buffer + count, capacity - count);
+            if (more == kReadFailed)
+                deferredError_ = lastStatus_; // reported by the next read, after what came
             if (more == kReadFailed || more == 0)
                 break;
             count += more;
