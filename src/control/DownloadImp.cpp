@@ -901,14 +901,14 @@ DWORD DownloadImp::runControlThread()
         }
     }
 
-    // Commands that arrived while the last worker ended (the manager's abort after a stage's error
-    // event among them) are carried out before the outcome is decided.
     // A stop still waiting for its checkpoint when the workers ended by themselves lets a whole download
     // complete; after a failure it keeps the progress.
     workersRunning_ = false;
     if (stopPending_ && (failed || haveFinalState))
         endSettledStop(workers);
     stopPending_ = false;
+    // Commands that arrived while the last worker ended (the manager's abort after a stage's error
+    // event among them) are carried out before the outcome is decided.
     handleMessages(workers);
     for (const auto& worker : workers)
         CloseHandle(worker.first);
