@@ -19,6 +19,8 @@ namespace {
 constexpr DWORD kControlThreadFailed = 0xFFFFFFFF;
 constexpr DWORD kStagesNotOpened = 8;
 constexpr DWORD kStopRepostMs = 200;     // stop messages are repeated until every worker has taken one
+constexpr DWORD kSettleMs = 3000;        // longest wait of a stop for its checkpoint
+constexpr DWORD kSettlePollMs = 10;
 constexpr DWORD kQueueReadyWaitMs = 10000;
 constexpr uint32_t kGateUndecided = 0;
 constexpr uint32_t kGateGo = 1;
@@ -72,6 +74,7 @@ DownloadImp::DownloadImp(DownloadRequest* request, DownloadMgr* manager, const J
 {
     idleEvent_.reset(CreateEventW(nullptr, TRUE, TRUE, nullptr));
     runGate_.reset(CreateEventW(nullptr, TRUE, TRUE, nullptr));
+    settledEvent_.reset(CreateEventW(nullptr, TRUE, TRUE, nullptr));
     finalised_ = true; // nothing has run that would need cleaning up
 }
 
@@ -273,7 +276,7 @@ bool DownloadImp::changeState(uint32_t next)
 void DownloadImp::updateRunGate()
 {
     const uint32_t s = state_;
-    if (stopFlag_ || (s != state::Paused && s != state::Pending))
+    if (stopFlag_ || (s != state::Paused && s != state::Pending && !stopPending_))
         SetEvent(runGate_.get());
     else
         ResetEvent(runGate_.get());
@@ -432,7 +435,8 @@ bool DownloadImp::checkpointDue(unsigned id, bool ask)
         return false; // the progress is being thrown away: nothing more is recorded
     if (ask && checkpointBlock_ == 0 && !atBlockEnd) {
         const uint64_t downloaded = getDownloadedSize();
-        if (downloaded > lastCheckpointAt_ + request_->getSaveInterval()) {
+        const bool forced = forceId_ == id && id != 0 && downloaded != committedAt_;
+        if (forced || downloaded > lastCheckpointAt_ + request_->getSaveInterval()) {
             checkpointBlock_ = id;
             lastCheckpointAt_ = downloaded;
             // The asking stage is the source, about to save its position: the counters match it now.
@@ -514,7 +518,9 @@ bool DownloadImp::commitCheckpoint(uint32_t id)
     checkpointBlock_ = 0;
     partsWritten_ = 0;
     partFailed_ = false;
+    committedAt_ = snapshot_.totalDownloaded + snapshot_.blockDownloaded;
     qv::CheckpointFiles::removeCommitted(dir, previous);
+    settleDone(id);
     return true;
 }
 
@@ -526,6 +532,48 @@ void DownloadImp::abandonCheckpoint(uint32_t id)
     checkpointBlock_ = 0;
     partsWritten_ = 0;
     partFailed_ = false;
+    settleDone(id);
+}
+
+// Under the checkpoint lock: a requested checkpoint has been committed or given up.
+void DownloadImp::settleDone(uint32_t id)
+{
+    if (id != settleId_)
+        return;
+    settleId_ = 0;
+    SetEvent(settledEvent_.get());
+}
+
+void DownloadImp::settle(const wchar_t* stageName, uint32_t sequence, Stream* stage)
+{
+    settleAnswered_ = settleGeneration_.load();
+    bool opened = false;
+    if (stageName && stage) {
+        // A checkpoint still on its way is committed first: the stages behind the source run on.
+        for (DWORD waited = 0; waited < kSettleMs; waited += kSettlePollMs) {
+            {
+                qv::CsLock hold(checkpointLock_);
+                if (checkpointBlock_ == 0 || checkpointBlock_ == sequence || discarding_)
+                    break;
+            }
+            Sleep(kSettlePollMs);
+        }
+        bool open = false;
+        {
+            qv::CsLock hold(checkpointLock_);
+            open = checkpointBlock_ == sequence; // the interval's own checkpoint of the same point
+            forceId_ = sequence;
+        }
+        if (!open)
+            saveCheckpoint(stageName, sequence, stage, true, false);
+        qv::CsLock hold(checkpointLock_);
+        forceId_ = 0;
+        opened = checkpointBlock_ == sequence && !discarding_;
+        if (opened)
+            settleId_ = sequence;
+    }
+    if (!opened)
+        SetEvent(settledEvent_.get());
 }
 
 bool DownloadImp::writeProgressRecord(uint32_t id)
@@ -592,16 +640,19 @@ int DownloadImp::loadCheckpoint(const wchar_t* name, unsigned* idOut, Stream* st
 
 bool DownloadImp::stopRequested()
 {
-    // A paused or pending job holds its workers here until it runs again or stops.
+    // A paused or pending job holds its source here until it runs again or stops, and so does a stop that
+    // waits for its checkpoint; the source first answers the checkpoint request that came with either.
     while (!stopFlag_) {
         const uint32_t s = state_;
-        if (s != state::Paused && s != state::Pending)
+        if ((s != state::Paused && s != state::Pending && !stopPending_) || settleAnswered_ != settleGeneration_)
             break;
         WaitForSingleObject(runGate_.get(), 250);
     }
     return stopFlag_;
 }
 
+bool DownloadImp::stopping() { return stopFlag_; }
+uint32_t DownloadImp::settleRequest() { return settleGeneration_; }
 uint32_t DownloadImp::status() { return state_; }
 void DownloadImp::setJobStatus(uint32_t code) { status_ = code; }
 DownloadRequest* DownloadImp::request() { return request_; }
@@ -676,9 +727,15 @@ HANDLE DownloadImp::start()
         partFailed_ = false;
         discarding_ = false;
         lastCheckpointAt_ = getDownloadedSize();
+        committedAt_ = lastCheckpointAt_;
+        forceId_ = 0;
+        settleId_ = 0;
     }
     finalised_ = false;
     stopFlag_ = false;
+    stopPending_ = false;
+    settleAnswered_ = settleGeneration_.load();
+    SetEvent(settledEvent_.get());
     gate_ = kGateUndecided;
     SetEvent(idleEvent_.get());
     updateRunGate();
@@ -799,6 +856,7 @@ DWORD DownloadImp::runControlThread()
     std::vector<HANDLE> alive;
     for (const auto& worker : workers)
         alive.push_back(worker.first);
+    workersRunning_ = gate_ == kGateGo;
     while (!alive.empty()) {
         for (auto it = alive.begin(); it != alive.end();) {
             if (WaitForSingleObject(*it, 0) != WAIT_OBJECT_0) {
@@ -824,10 +882,14 @@ DWORD DownloadImp::runControlThread()
         }
         if (alive.empty())
             break;
+        if (stopPending_ &&
+            (WaitForSingleObject(settledEvent_.get(), 0) == WAIT_OBJECT_0 || GetTickCount64() >= stopDeadline_))
+            endSettledStop(workers);
         if (stopFlag_)
             SetEvent(idleEvent_.get());
         const DWORD wait = MsgWaitForMultipleObjects(static_cast<DWORD>(alive.size()), alive.data(), FALSE,
-                                                     stopFlag_ ? kStopRepostMs : INFINITE, QS_ALLPOSTMESSAGE);
+                                                     stopFlag_ ? kStopRepostMs : stopPending_ ? kSettlePollMs : INFINITE,
+                                                     QS_ALLPOSTMESSAGE);
         if (wait == WAIT_OBJECT_0 + alive.size())
             handleMessages(workers);
         else if (wait == WAIT_TIMEOUT && stopFlag_) {
@@ -839,6 +901,12 @@ DWORD DownloadImp::runControlThread()
         }
     }
 
+    // A stop still waiting for its checkpoint when the workers ended by themselves lets a whole download
+    // complete; after a failure it keeps the progress.
+    workersRunning_ = false;
+    if (stopPending_ && (failed || haveFinalState))
+        endSettledStop(workers);
+    stopPending_ = false;
     // Commands that arrived while the last worker ended (the manager's abort after a stage's error
     // event among them) are carried out before the outcome is decided.
     handleMessages(workers);
@@ -875,8 +943,10 @@ void DownloadImp::handleCommand(UINT command, WorkerMap& workers)
     const bool ending = s == state::Exiting || s == state::Aborting || s == state::Aborted;
     switch (command) {
     case command::Pause:
-        if (s != state::Paused && !ending && s != state::Completing)
-            changeState(state::Paused);
+        // A download that was moving data takes a checkpoint of where it stands.
+        if (s != state::Paused && !ending && s != state::Completing && changeState(state::Paused) &&
+            (s == state::Play || s == state::Init) && workersRunning_ && !stopPending_)
+            requestSettle();
         break;
     case command::Resume:
         if (s == state::Pending || s == state::Init || s == state::Paused) {
@@ -884,8 +954,21 @@ void DownloadImp::handleCommand(UINT command, WorkerMap& workers)
             changeState(state::Play);
         }
         break;
-    case command::AbortDiscard:
     case command::StopKeep:
+        if (stopPending_)
+            break; // the stop under way ends with its checkpoint or its time limit
+        if (!ending && workersRunning_) {
+            // The workers end once the checkpoint of where they stand is taken; a paused download has
+            // asked for it already.
+            if (s != state::Paused)
+                requestSettle();
+            stopDeadline_ = GetTickCount64() + kSettleMs;
+            stopPending_ = true;
+            updateRunGate();
+            break;
+        }
+        [[fallthrough]];
+    case command::AbortDiscard:
         if (!ending)
             stopProcedure(command == command::AbortDiscard, workers);
         stopFlag_ = true;
@@ -908,8 +991,25 @@ void DownloadImp::postToWorkers(UINT message, const WorkerMap& workers)
         PostThreadMessageW(worker.second, message, 0, 0);
 }
 
+void DownloadImp::requestSettle()
+{
+    ResetEvent(settledEvent_.get());
+    ++settleGeneration_;
+}
+
+void DownloadImp::endSettledStop(const WorkerMap& workers)
+{
+    const uint32_t s = state_;
+    if (s != state::Exiting && s != state::Aborting && s != state::Aborted)
+        stopProcedure(false, workers);
+    stopPending_ = false;
+    stopFlag_ = true;
+    updateRunGate();
+}
+
 void DownloadImp::stopProcedure(bool discard, const WorkerMap& workers)
 {
+    stopPending_ = false;
     if (discard) {
         // A commit in progress finishes before the reset; none begins after it.
         qv::CsLock hold(checkpointLock_);
@@ -956,6 +1056,8 @@ void DownloadImp::finalCleanup()
         qv::CsLock hold(checkpointLock_);
         if (checkpointBlock_ != 0)
             abandonCheckpoint(checkpointBlock_);
+        settleId_ = 0;
+        SetEvent(settledEvent_.get());
     }
 
     const uint32_t s = state_;

@@ -83,6 +83,9 @@ public:
     const wchar_t* sourceUrl() override;
     bool takeInterruption() override;
     void fallBackToHttp() override;
+    bool stopping() override;
+    uint32_t settleRequest() override;
+    void settle(const wchar_t* stageName, uint32_t sequence, Stream* stage) override;
 
     // For the manager: true while the control thread of the current run has not ended.
     bool controlThreadAlive();
@@ -104,6 +107,8 @@ private:
     void handleMessages(WorkerMap& workers);
     void handleCommand(UINT command, WorkerMap& workers);
     void stopProcedure(bool discard, const WorkerMap& workers);
+    void requestSettle();
+    void endSettledStop(const WorkerMap& workers);
     void postToWorkers(UINT message, const WorkerMap& workers);
     void finalCleanup();
     bool moveOutOfWorkingFolder();
@@ -122,6 +127,7 @@ private:
     bool writeCheckpointPart(const wchar_t* name, uint32_t id, Stream* stage);
     bool commitCheckpoint(uint32_t id);
     void abandonCheckpoint(uint32_t id);
+    void settleDone(uint32_t id);
 
     JobEnvironment env_;
     std::vector<Target*> stages_;
@@ -141,6 +147,16 @@ private:
     std::atomic<uint32_t> gate_{0};
     std::atomic<bool> holdFlag_{false};
     std::atomic<bool> interrupted_{false}; // the source is to retry at once
+
+    // A pause or a stop keeping the progress first has the source hand over what it holds and a checkpoint
+    // of that point carried through the stages (settle); a stop ends the workers once it is committed or
+    // after a time limit. Generations count the requests; the source answers each one once.
+    std::atomic<uint32_t> settleGeneration_{0};
+    std::atomic<uint32_t> settleAnswered_{0};
+    qv::UniqueHandle settledEvent_;        // manual reset; signalled while no requested checkpoint is on its way
+    std::atomic<bool> stopPending_{false}; // a stop waits for its checkpoint; the source holds meanwhile
+    ULONGLONG stopDeadline_ = 0;
+    bool workersRunning_ = false;          // control thread only
     qv::NetSessionDelivery netSession_;    // content-delivery session, from initUrl to the final clean-up
 
     // Checkpoint bookkeeping, shared by the stage threads.
@@ -151,6 +167,9 @@ private:
     size_t partsWritten_ = 0;   // stages' parts of the open checkpoint written in full
     bool partFailed_ = false;   // a part of the open checkpoint could not be written
     bool discarding_ = false;   // an abort with discard has begun: nothing more is committed
+    uint32_t forceId_ = 0;      // a checkpoint of this id is due whatever the interval (settle)
+    uint32_t settleId_ = 0;     // the requested checkpoint on its way through the stages
+    uint64_t committedAt_ = 0;  // downloaded size that the checkpoint in force holds
     struct ProgressSnapshot {
         int32_t blockId = 0;
         uint64_t blockDownloaded = 0;

@@ -22,6 +22,10 @@ constexpr wchar_t kRefererHeader[] = L"Referer: " QVDLM_REFERER L"\r\n";
 constexpr DWORD kConnectionsPerServer = 8;
 // A stub larger than one read pushes the data start into the next reads; this bounds how many.
 constexpr int kMaxSkipReads = 16;
+// One read hands out at most this much, and gathers what arrives for at most this long: the thread that
+// reads sees a stop, pause or abort between two reads, and progress moves with each of them.
+constexpr uint32_t kMaxPiece = 0x40000;
+constexpr ULONGLONG kPieceMs = 100;
 
 HINTERNET handleOf(const qv::UniqueInternet& handle) { return static_cast<HINTERNET>(handle.get()); }
 
@@ -136,6 +140,7 @@ void HTTPStreamImp::closeHandles()
     responseChecked_ = false;
     bodyExpected_ = -1;
     bodyReceived_ = 0;
+    deferredError_ = 0;
 }
 
 void HTTPStreamImp::close()
@@ -401,10 +406,31 @@ uint32_t HTTPStreamImp::readBytes(uint8_t* buffer, uint32_t capacity)
         lastStatus_ = 0;
         return 0;
     }
-    DWORD read = 0;
-    if (!InternetReadFile(handleOf(request_), buffer, capacity, &read)) {
-        failWithLastError();
+    if (deferredError_) {
+        lastStatus_ = deferredError_;
+        deferredError_ = 0;
         return kReadFailed;
+    }
+    // A synchronous read waits until its whole size has come: ask what has arrived and take only that,
+    // waiting only while nothing has.
+    const uint32_t want = std::min(capacity, kMaxPiece);
+    const ULONGLONG begun = GetTickCount64();
+    uint32_t read = 0;
+    while (read < want) {
+        DWORD available = 0;
+        DWORD taken = 0;
+        if (!InternetQueryDataAvailable(handleOf(request_), &available, 0, 0) ||
+            (available > 0 &&
+             !InternetReadFile(handleOf(request_), buffer + read, std::min<DWORD>(available, want - read), &taken))) {
+            failWithLastError();
+            if (read == 0)
+                return kReadFailed;
+            deferredError_ = lastStatus_; // what came before the failure is handed out first
+            break;
+        }
+        read += taken;
+        if (taken == 0 || GetTickCount64() - begun >= kPieceMs)
+            break;
     }
     // A connection closed before the announced length looks like a clean end to some stacks: only
     // the Content-Length tells a truncated body from a complete one.
@@ -425,6 +451,16 @@ uint32_t HTTPStreamImp::readBytesAligned(uint8_t* buffer, uint32_t capacity, boo
         uint32_t count = readBytes(buffer, capacity);
         if (count == kReadFailed)
             return count;
+        // The stub in front of the data is looked for once, in the whole first buffer.
+        while (align && !aligned_ && count > 0 && count < capacity) {
+            const uint32_t more = readBytes(buffer + count, capacity - count);
+            if (more == kReadFailed)
+                deferredError_ = lastStatus_; // reported by the next read, after what came
+            if (more == kReadFailed || more == 0)
+                break;
+            count += more;
+        }
+        lastStatus_ = 0;
         if (align && !aligned_) {
             qv::TarHeaderMatch match;
             if (qv::findTarHeader(buffer, count, &match)) {

@@ -128,6 +128,7 @@ private:
     bool rangeFromMiddle_ = false; // the last send asked for a range that starts past byte 0
     int64_t bodyExpected_ = -1;    // Content-Length of the response, -1 when it has none
     int64_t bodyReceived_ = 0;
+    uint32_t deferredError_ = 0;   // a read failed after a piece had come: the next read reports it
 
     wchar_t lastHeaders_[kHeaderBufferLength] = {};
 

@@ -191,6 +191,19 @@ public:
     // The source gives up content delivery and goes on over plain HTTP.
     virtual void fallBackToHttp() = 0;
 
+    // Stopping without holding: the stages behind the source run on while the job is paused, so that
+    // what the source handed over before the pause reaches the end of the pipeline.
+    virtual bool stopping() { return stopRequested(); }
+    // A pause or a stop that keeps the progress wants a checkpoint of where the pipeline stands: the
+    // number changes with each such request. The source then hands over what it holds, calls settle
+    // with the sequence of the last buffer it filled and sends an empty buffer after it, which carries
+    // the checkpoint through the stages behind it as any other.
+    virtual uint32_t settleRequest() { return 0; }
+    virtual void settle(const wchar_t* stageName, uint32_t sequence, Stream* stage)
+    {
+        (void)stageName, (void)sequence, (void)stage;
+    }
+
 protected:
     ~PipelineJob() = default;
 };

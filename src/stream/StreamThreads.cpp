@@ -92,6 +92,8 @@ private:
     enum class JobAnswer { Paused, Running, Ended };
 
     Stream* source() const { return data_.stage; }
+    SlotWait takeSlot(bool askCheckpoint);
+    bool sendMarker();
     bool readOnce(BufferSlot& slot);
     bool blockComplete();
     void endBlock(BufferSlot& slot);
@@ -112,6 +114,10 @@ private:
     RetryState retry_;
     bool everConnected_ = false;
     bool finished_ = false;
+    uint32_t base_ = 0;      // the sequence this run starts after
+    uint32_t sequence_ = 0;  // of the last slot taken
+    bool holding_ = false;   // a slot is in hand while its read is repeated
+    uint32_t served_ = 0;    // the job's last checkpoint request that was answered
 };
 
 uint32_t ReaderThread::run()
@@ -125,35 +131,32 @@ uint32_t ReaderThread::run()
     }
 
     out_.start();
-    const uint32_t base = sequenceBase(&request_);
-    uint32_t sequence = base;
-    bool holding = false; // a slot is in hand while its read is repeated
+    base_ = sequence_ = sequenceBase(&request_);
+    served_ = job_.settleRequest();
     qv::StatePoller idle;
     for (;;) {
+        if (job_.settleRequest() != served_ && !sendMarker())
+            break;
         if (job_.stopRequested()) {
             source()->setLastStatus(job_.status());
             break;
         }
-        if (!holding) {
-            const SlotWait wait = out_.acquire();
+        if (!holding_) {
+            const SlotWait wait = takeSlot(true);
             if (wait == SlotWait::Stopped)
                 continue;
             if (wait == SlotWait::Closed)
                 break;
-            holding = true;
-            if (sequence != base)
-                job_.checkpoint(data_.stageName, sequence, source(), true, false);
-            ++sequence;
-            out_.slot().sequence = sequence;
-            out_.slot().restart = 0;
         }
 
+        // Each read is one piece of what has arrived: it is handed over at once, so that progress moves with
+        // every piece and a stop, pause or abort is seen between two of them.
         BufferSlot& slot = out_.slot();
         if (readOnce(slot)) {
             retry_ = RetryState{};
             job_.setBlockDownloadedSize(static_cast<uint64_t>(services_.position(source())));
             out_.publish();
-            holding = false;
+            holding_ = false;
             continue;
         }
         if (source()->lastStatus() == 0 && slot.count == 0 && blockComplete()) {
@@ -161,7 +164,7 @@ uint32_t ReaderThread::run()
             if (finished_ && slot.restart == 0)
                 break; // the next block could not be entered: the slot is not handed over
             out_.publish();
-            holding = false;
+            holding_ = false;
             if (finished_)
                 break;
             continue;
@@ -183,6 +186,43 @@ uint32_t ReaderThread::run()
     const uint32_t status = source()->lastStatus();
     publishLine<kShortLine>(download_, L"readerStreamThread exited (%d)", static_cast<int>(status));
     return status;
+}
+
+// Waits for the next slot and numbers it; unless it carries a checkpoint request, first asks whether a
+// checkpoint of everything handed over so far is due.
+SlotWait ReaderThread::takeSlot(bool askCheckpoint)
+{
+    const SlotWait wait = out_.acquire();
+    if (wait != SlotWait::Ready)
+        return wait;
+    holding_ = true;
+    if (askCheckpoint && sequence_ != base_)
+        job_.checkpoint(data_.stageName, sequence_, source(), true, false);
+    BufferSlot& slot = out_.slot();
+    slot.sequence = ++sequence_;
+    slot.restart = 0;
+    slot.count = 0;
+    return wait;
+}
+
+// Answers the job's request for a checkpoint of where the pipeline stands: everything read so far has been
+// handed over (a good read goes out at once), so the source's position is that point. An empty slot behind
+// it carries the checkpoint through the stages behind. False when nobody reads any more.
+bool ReaderThread::sendMarker()
+{
+    served_ = job_.settleRequest();
+    if (!holding_) {
+        const SlotWait wait = takeSlot(false);
+        if (wait != SlotWait::Ready)
+            return wait != SlotWait::Closed; // a stop message: the stop check follows
+    }
+    const uint32_t last = sequence_ - 1;
+    job_.settle(last != base_ ? data_.stageName : nullptr, last, source());
+    out_.slot().count = 0;
+    out_.slot().restart = 0;
+    out_.publish();
+    holding_ = false;
+    return true;
 }
 
 // One read into the slot; true for a good read (data and no error).
@@ -309,6 +349,16 @@ void ReaderThread::runRetryCycle()
     int32_t budget = everConnected_ ? kBudgetAfterSuccess : 0;
     int32_t slept = 0;
     while (retry_.attempt <= retry_.limit()) {
+        if (job_.settleRequest() != served_) {
+            // Nothing moves while the link is down: the checkpoint of what was handed over is taken now. A
+            // paused job goes on trying to reconnect; a stopping one leaves the cycle.
+            if (!sendMarker()) {
+                finished_ = true;
+                return;
+            }
+            if (job_.status() != state::Paused)
+                return;
+        }
         const uint32_t jobState = job_.status();
         const bool interrupted = job_.takeInterruption();
         if (isStopping(jobState)) {
@@ -466,7 +516,7 @@ uint32_t __stdcall writerStreamThread(void* parameter)
     in.start();
     uint32_t expected = sequenceBase(&request) + 1;
     for (;;) {
-        if (job.stopRequested()) {
+        if (job.stopping()) {
             sink->setLastStatus(job.status());
             break;
         }
@@ -551,7 +601,7 @@ uint32_t __stdcall readerWriterStreamThread(void* parameter)
     uint32_t expected = sequenceBase(job.request()) + 1;
     bool leaving = false;
     while (!leaving) {
-        if (job.stopRequested()) {
+        if (job.stopping()) {
             writer->setLastStatus(job.status());
             break;
         }
@@ -607,7 +657,7 @@ uint32_t __stdcall readerWriterStreamThread(void* parameter)
 
         // Drain what the decoder can give for this input before handing the input back.
         for (;;) {
-            if (job.stopRequested()) {
+            if (job.stopping()) {
                 writer->setLastStatus(job.status());
                 publishMessage(download, event::Information, msg::DecompressAborted);
                 leaving = true;

@@ -1,5 +1,6 @@
 // A client process killed mid-download (soak_driver ends itself by TerminateProcess at the given bytes) leaves a store and
 // checkpoints from which a new process ends it byte-identical, fetching again at most a checkpoint interval and the buffers.
+// One stopped with its progress kept goes on in a new process from where it stopped, whatever the interval.
 #include <gtest/gtest.h>
 
 #include "E2eSupport.h"
@@ -42,7 +43,8 @@ uint64_t value(const std::string& text, const std::string& prefix)
 
 TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
 {
-    const struct { const wchar_t* file; uint64_t interval, lag; std::vector<uint64_t> kills; } rows[] = { // lag: the buffers on the way{L"mid.bin", kLinkBuffer, 3 * kLinkBuffer, {14 << 20, 22 << 20}},
+    const struct { const wchar_t* file; uint64_t interval, lag; std::vector<uint64_t> kills; } rows[] = { // lag: the buffers on the way
+                {L"mid.bin", kLinkBuffer, 3 * kLinkBuffer, {14 << 20, 22 << 20}},
                 // killed in the third block, after the first checkpoints; two links lie before the unpacker
                 {L"multi_001_003.tar.lzma2", kLinkBuffer, 5 * kLinkBuffer, {16 << 20}}};
     for (const auto& row : rows) {
@@ -63,6 +65,77 @@ TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
         EXPECT_TRUE(row.file == std::wstring(L"mid.bin") ? e2e::sameFile(e2e::servedFolder() + L"\\mid.bin", dest + L"\\mid.bin")
                                                         : bool(e2e::sameTree(e2e::servedFolder() + L"\\pkgsrc", dest)));
         EXPECT_FALSE(e2e::hasEntry(dest, L"QV_"));
+    }
+}
+
+} // namespace
+
+namespace {
+
+struct Get {
+    std::string target; // path and query
+    uint64_t start, sent;
+};
+
+// The GETs in nginx's access log (tests/fixtures/nginx-start.sh) whose target holds key, in the order they ended.
+std::vector<Get> gets(const std::string& log, const std::string& key)
+{
+    std::vector<Get> found;
+    for (size_t at = log.find("\"GET "); at != std::string::npos; at = log.find("\"GET ", at + 1)) {
+        const size_t space = log.find(' ', at + 5), end = log.find('\n', at);
+        const std::string target = log.substr(at + 5, space - at - 5), line = log.substr(at, end - at);
+        const size_t range = line.find("range=\"bytes=");
+        unsigned status = 0;
+        unsigned long long sent = 0;
+        if (target.find(key) != std::string::npos && std::sscanf(line.c_str() + line.find("\" ") + 2, "%u %llu", &status, &sent) == 2)
+            found.push_back({target, range == std::string::npos ? 0 : std::strtoull(line.c_str() + range + 13, nullptr, 10), sent});
+    }
+    return found;
+}
+
+TEST(KillTest, AStoppedDownloadGoesOnInANewProcessWhereItStopped)
+{
+    const struct { const wchar_t* path; unsigned stopMs; } rows[] = { // through nginx at the given rate, stopped at about a third
+        {L"pattern-1-1048576.bin?rate=200k", 1700}, {L"control/multi_001_003.tar.lzma2?rate=4m", 2500}}; // in the second block
+    for (const auto& row : rows) {
+        SCOPED_TRACE(qvtest::narrow(row.path));
+        qvtest::ScratchDir scratch{L"control-stop"};
+        const std::wstring store = L"\"" + scratch / L"store\\download.info" + L"\" ", dest = scratch / L"dest";
+        const std::string key = "key=" + std::to_string(GetTickCount64());
+        std::string text, log;
+        // The save interval (700 MiB) never comes: only the stop keeps the progress.
+        ASSERT_EQ(drive(scratch, L"start " + store + qvtest::nginxUrl(row.path) + L"&" + qvtest::widen(key) + L" \"" + dest +
+                                     L"\" 734003200 !" + std::to_wstring(row.stopMs) + L" 100", text), 8u) << text;
+        const uint64_t held = value(text, "STOP "), ms = value(text, "MS ");
+        EXPECT_TRUE(row.stopMs > 2000 || ms < 3000) << ms; // within a second at 200 KiB/s on Windows; Wine is slower
+        EXPECT_TRUE(drive(scratch, L"resume " + store + L"none 100", text) == 0 && text.find("\nDONE 0 ") != std::string::npos) << text;
+        const uint64_t restored = value(text, "R ");
+        EXPECT_GE(restored, held); // nothing that had arrived is fetched again
+        EXPECT_TRUE(row.stopMs < 2000 ? e2e::sameFile(qvtest::wwwDir() + L"\\pattern-1-1048576.bin", dest + L"\\pattern-1-1048576.bin")
+                                      : bool(e2e::sameTree(e2e::servedFolder() + L"\\pkgsrc", dest)));
+        // Only the block being fetched is asked for again, from the point the checkpoint holds and not past the end
+        // of the first GET of it; the blocks before it were fetched once, whole.
+        ASSERT_TRUE(qvtest::readFile(qvtest::workDir() + L"\\nginx\\access.log", log));
+        const std::vector<Get> all = gets(log, key);
+        uint64_t before = 0;
+        int again = 0;
+        for (size_t i = 0; i < all.size(); ++i) {
+            size_t j = i + 1;
+            while (j < all.size() && all[j].target != all[i].target)
+                ++j;
+            if (j == all.size()) {
+                before += all[i].sent;
+                continue;
+            }
+            ++again;
+            std::printf("stopped in %llu ms holding %llu; %s: the first GET ended at %llu, the next began at %llu\n",
+                        static_cast<unsigned long long>(ms), static_cast<unsigned long long>(held), all[i].target.c_str(),
+                        static_cast<unsigned long long>(all[i].start + all[i].sent), static_cast<unsigned long long>(all[j].start));
+            EXPECT_EQ(before + all[j].start, restored);
+            EXPECT_LE(all[j].start, all[i].start + all[i].sent);
+            break;
+        }
+        EXPECT_EQ(again, 1);
     }
 }
 

@@ -1,13 +1,15 @@
 // The client process of the soak and the kill test: one download through the public interface only (or the
 // stored ones restored in a new process), its progress on standard output. It ends itself with TerminateProcess
-// (a crash, a killed installer) once the file DIE exists, or once it holds N bytes when DIE is "@N".
+// (a crash, a killed installer) once the file DIE exists, or once it holds N bytes when DIE is "@N"; with "!T" it stops
+// the download T ms after it began, keeping its progress (as Ctrl+C in a client would), and ends once it no longer runs.
 //   soak_driver start STORE URL DEST SAVE_INTERVAL DIE LIMIT_S [PROXY_USER PROXY_PASSWORD]
 //   soak_driver resume STORE DIE LIMIT_S  |  soak_driver forget PROXY_HOST
 // "start" hands proxy credentials to the proxy lookup first, which keeps them in the credential store for
 // later processes' answers to a 407; "forget" removes them. Lines: "R <bytes>" after a restore, "P <bytes>
-// <state>" when something moved (at least twice a second), "KILL <bytes>" before TerminateProcess, and at the
-// end "DONE <state> <status>" (exit code 0 when completed), "DONE timeout", "DONE none" (no download) or
-// "DONE proxy <status>" (the lookup refused the credentials).
+// <state>" when something moved (at least twice a second), "KILL <bytes>" before TerminateProcess, "STOP <bytes>"
+// and "MS <milliseconds the stop took>" after a stop (exit code 8), and at the end "DONE <state> <status>" (exit
+// code 0 when completed), "DONE timeout", "DONE none" (no download) or "DONE proxy <status>" (the lookup refused
+// the credentials).
 #include <windows.h>
 
 #include <cstdio>
@@ -30,7 +32,9 @@ int done(const char* text, int code) { return std::printf("DONE %s\n", text), st
 
 int follow(DownloadMgr* manager, const wchar_t* die, DWORD limitMs)
 {
+    const bool stop = die[0] == L'!';
     const uint64_t killAt = die[0] == L'@' ? std::wcstoull(die + 1, nullptr, 10) : UINT64_MAX;
+    const ULONGLONG stopAt = GetTickCount64() + (stop ? std::wcstoull(die + 1, nullptr, 10) : 0);
     uint64_t lastHeld = UINT64_MAX, lastLine = 0;
     unsigned lastState = 0;
     for (const ULONGLONG end = GetTickCount64() + limitMs; GetTickCount64() < end; Sleep(10)) {
@@ -52,7 +56,15 @@ int follow(DownloadMgr* manager, const wchar_t* die, DWORD limitMs)
         if (ended)
             return done((std::to_string(last->getState()) + " " + std::to_string(last->getStatus())).c_str(),
                         last->getState() == qvdlm::state::Completed ? 0 : 1);
-        if (held >= killAt || (killAt == UINT64_MAX && GetFileAttributesW(die) != INVALID_FILE_ATTRIBUTES))
+        if (stop && GetTickCount64() >= stopAt) {
+            const ULONGLONG begun = GetTickCount64();
+            manager->control(last, qvdlm::command::StopKeep);
+            while (manager->anyRunning() && GetTickCount64() - begun < 30000)
+                Sleep(1);
+            std::printf("STOP %llu\nMS %llu\n", static_cast<unsigned long long>(held), GetTickCount64() - begun);
+            return done("stopped", 8);
+        }
+        if (held >= killAt || (killAt == UINT64_MAX && !stop && GetFileAttributesW(die) != INVALID_FILE_ATTRIBUTES))
             std::printf("KILL %llu\n", static_cast<unsigned long long>(held)), std::fflush(stdout), TerminateProcess(GetCurrentProcess(), 9);
     }
     return done("timeout", 2);
