@@ -1,11 +1,16 @@
-// qvdlm's pieces that need no server: the command lines it accepts and refuses (qvdlm.exe ends with
-// exit status 2 on a refused one, see qvdlm_cli_test.sh) and the numbers and names it prints.
+// qvdlm's pieces that need no server: the command lines it accepts and refuses, whole commands run in
+// this process with their output and exit status (a scratch store; no server listens on port 1), and
+// the numbers and names it prints. qvdlm_cli_test.sh runs qvdlm.exe for what needs real downloads.
 #include <gtest/gtest.h>
 
+#include <cwchar>
 #include <tuple>
 
 #include "CommandLine.h"
+#include "Commands.h"
 #include "Format.h"
+#include "QvDLM.h"
+#include "support/TestSupport.h"
 
 using namespace qvcli;
 using Args = std::vector<std::wstring>;
@@ -67,4 +72,70 @@ TEST(Format, ProgressLine)
     for (size_t width : {120u, 20u})
         EXPECT_LE(progressLine(s, width).size(), width);
     EXPECT_NE(progressLine(s, 120).find(L"n...  ~50.0%"), std::wstring::npos);
+}
+
+// Runs qvdlm with args in this process; answers its exit status and what it wrote to both outputs.
+std::pair<int, std::wstring> runQvdlm(const Args& args, const std::wstring& outFile)
+{
+    const HANDLE out = GetStdHandle(STD_OUTPUT_HANDLE), err = GetStdHandle(STD_ERROR_HANDLE);
+    const HANDLE file = CreateFileW(outFile.c_str(), GENERIC_WRITE, FILE_SHARE_READ, nullptr, CREATE_ALWAYS, 0, nullptr);
+    SetStdHandle(STD_OUTPUT_HANDLE, file);
+    SetStdHandle(STD_ERROR_HANDLE, file);
+    int status = -1;
+    {
+        Console console;
+        status = runCommandLine(args, console);
+    }
+    SetStdHandle(STD_OUTPUT_HANDLE, out);
+    SetStdHandle(STD_ERROR_HANDLE, err);
+    CloseHandle(file);
+    std::string bytes;
+    qvtest::readFile(outFile, bytes);
+    return {status, qvtest::widen(bytes)};
+}
+
+TEST(Commands, ExitStatusAndOutput)
+{
+    const qvtest::ScratchDir dir(L"qvdlm-cli");
+    const std::wstring store = dir / L"download.info", dest = dir / L"dest", work = dest + L"\\QV_1";
+    CreateDirectoryW(dest.c_str(), nullptr);
+    CreateDirectoryW(work.c_str(), nullptr);
+    ASSERT_TRUE(qvtest::writeFile(work + L"\\part", "partial"));
+    DownloadRequestLog* log = DownloadRequestLog::getInstance();
+    ASSERT_TRUE(log->open(store.c_str()));
+    for (const wchar_t* url : {L"http://localhost:1/a/pkg.tar.lzma2", L"http://localhost:1/b.bin", L"http://localhost:1/done.bin"}) {
+        DownloadRequest* r = QvDLM::createDownloadRequest();
+        r->setUrl(url, nullptr, nullptr);
+        r->setName(L"stored");
+        r->setDestDir(std::wcsstr(url, L"pkg") ? work.c_str() : dest.c_str());
+        r->setState(std::wcsstr(url, L"done") ? qvdlm::state::Completed : qvdlm::state::Paused);
+        EXPECT_TRUE(log->add(r));
+        QvDLM::destroy(r);
+    }
+    const struct { Args args; int status; std::vector<std::wstring> has; } table[] = {
+        {{L"help"}, 0, {L"qvdlm resume", L"Exit status"}},
+        {{L"get", L"http://localhost/x", L"--max-active", L"999"}, 2, {L"--max-active", L"\"qvdlm help\""}},
+        {{L"get", L"ftp://localhost/x", L"--store", store}, 1, {L"not an http:// or https:// URL"}},
+        {{L"get", L"http://127.0.0.1:1/hello.txt", L"--dest", dest, L"--store", store}, 1,
+         {L"validateUrlDomain failed for URL: http://127.0.0.1:1/hello.txt"}},
+        {{L"get", L"http://localhost:1/a/pkg.tar.lzma2", L"--store", store}, 1, {L"already stored"}},
+        {{L"remove", L"http://localhost:1/", L"--store", store}, 1, {L"names more than one stored download"}},
+        {{L"remove", L"http://localhost:1/nothing", L"--store", store}, 1, {L"no stored download has the ID"}},
+        {{L"remove", L"http://localhost:1/done", L"--store", store}, 0, {L"removed http://localhost:1/done.bin; its files stay"}},
+        {{L"list", L"--store", store}, 0, {L"http://localhost:1/a/pkg.tar.lzma2", L"http://localhost:1/b.bin"}},
+        {{L"remove", L"http://localhost:1/a", L"--store", store}, 0, {L"partial files deleted"}},
+        {{L"token", L"http://localhost/p.tar.lzma2", L"--key", L"736563726574", L"--start", L"1000", L"--lifetime",
+          L"60"}, 0, {L"http://localhost/p.tar.lzma2?1060_9138dfcb749db8338bdc90e225e8354a\n"}},
+        {{L"token", L"http://localhost/a?b=1", L"--key", L"6b", L"--param", L"abcd"}, 1, {L"code -101"}},
+        {{L"token", L"http://localhost/a", L"--key", L"6b0"}, 2, {L"even number"}},
+        {{L"token", L"http://localhost/a", L"--key", L"6b00"}, 2, {L"zero byte"}},
+    };
+    for (const auto& row : table) {
+        const auto [status, out] = runQvdlm(row.args, dir / L"out.txt");
+        SCOPED_TRACE(::testing::PrintToString(row.args) + "\n" + qvtest::narrow(out));
+        EXPECT_EQ(status, row.status);
+        for (const std::wstring& text : row.has)
+            EXPECT_NE(out.find(text), std::wstring::npos) << qvtest::narrow(text);
+    }
+    EXPECT_FALSE(qvtest::fileExists(work)) << "remove left the working folder behind";
 }

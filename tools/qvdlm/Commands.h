@@ -13,6 +13,9 @@ constexpr int Usage = 2;
 constexpr int Stopped = 3;
 } // namespace exitcode
 
+// Parses args (without the program name) and runs the command they name; answers the exit status.
+int runCommandLine(const std::vector<std::wstring>& args, Console& console);
+
 int runGet(const Options& options, Console& console);
 int runResume(const Options& options, Console& console);
 int runList(const Options& options, Console& console);
