@@ -4,6 +4,9 @@
 #include <shlwapi.h>
 #include <versionhelpers.h>
 
+#include <fcntl.h>
+#include <io.h>
+
 #include <atomic>
 #include <cstring>
 #include <cwchar>
@@ -45,11 +48,20 @@ bool fullPathName(std::wstring& path)
 bool substitutedTarget(wchar_t letter, std::wstring& target)
 {
     const wchar_t device[3] = {static_cast<wchar_t>(std::towupper(letter)), L':', L'\0'};
-    std::wstring buffer(kMaxLongPath, L'\0');
-    const DWORD n = QueryDosDeviceW(device, buffer.data(), static_cast<DWORD>(buffer.size() - 1));
+    // Almost every answer fits a small buffer; only a longer one needs the largest.
+    constexpr DWORD kSmall = 1024;
+    wchar_t small[kSmall];
+    const wchar_t* answer = small;
+    std::wstring large;
+    DWORD n = QueryDosDeviceW(device, small, kSmall);
+    if (n == 0 && GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
+        large.resize(kMaxLongPath);
+        n = QueryDosDeviceW(device, large.data(), static_cast<DWORD>(large.size() - 1));
+        answer = large.c_str();
+    }
     if (n == 0)
         return false;
-    target = buffer.c_str(); // the answer is a list; its first entry is the current mapping
+    target = answer; // the answer is a list; its first entry is the current mapping
     if (!startsWith(target, kSubstTargetPrefix))
         return false;
     target.erase(0, std::wcslen(kSubstTargetPrefix));
@@ -114,7 +126,22 @@ SymbolicLinkOperation chooseSymbolicLinkOperation()
 
 } // namespace
 
-uint32_t normalizePath(std::wstring& path)
+bool PathCache::substitutedTarget(wchar_t letter, std::wstring& target)
+{
+    const wchar_t upper = static_cast<wchar_t>(std::towupper(letter));
+    if (upper < L'A' || upper > L'Z')
+        return qv::substitutedTarget(letter, target);
+    Drive& drive = drives_[upper - L'A'];
+    if (!drive.asked) {
+        drive.substituted = qv::substitutedTarget(letter, drive.target);
+        drive.asked = true;
+    }
+    if (drive.substituted)
+        target = drive.target;
+    return drive.substituted;
+}
+
+uint32_t normalizePath(std::wstring& path, PathCache* cache)
 {
     // Some systems answer the current folder for an empty name; a missing path is never meant so.
     if (path.empty()) {
@@ -152,7 +179,7 @@ uint32_t normalizePath(std::wstring& path)
 
     for (int i = 0; i < kMaxSubstitutions; ++i) {
         std::wstring target;
-        if (!substitutedTarget(path[0], target))
+        if (!(cache ? cache->substitutedTarget(path[0], target) : substitutedTarget(path[0], target)))
             break;
         if (startsWith(target, kUncRemnant)) {
             // A drive substituted to a share: the path becomes a network path.
@@ -169,9 +196,9 @@ uint32_t normalizePath(std::wstring& path)
     return 0;
 }
 
-bool toLongPath(std::wstring& path)
+bool toLongPath(std::wstring& path, PathCache* cache)
 {
-    if (normalizePath(path) != 0)
+    if (normalizePath(path, cache) != 0)
         return false;
     if (startsWith(path, kLongPathPrefix))
         return true;
@@ -184,7 +211,7 @@ bool toLongPath(std::wstring& path)
     return true;
 }
 
-bool ensureParentFolder(const std::wstring& path)
+bool ensureParentFolder(const std::wstring& path, PathCache* cache)
 {
     if (path.size() >= kShortPathBuffer) {
         SetLastError(ERROR_FILENAME_EXCED_RANGE);
@@ -199,35 +226,60 @@ bool ensureParentFolder(const std::wstring& path)
     const std::wstring folder = buffer;
     if (folder.empty())
         return false;
-    if (isVolumeRoot(folder))
+    if ((cache && cache->knowsFolder(folder)) || isVolumeRoot(folder))
         return true;
-    if (!PathFileExistsW(buffer) && !ensureParentFolder(folder))
+    if (!PathFileExistsW(buffer) && !ensureParentFolder(folder, cache))
         return false;
-    return createFolder(folder);
+    if (!createFolder(folder))
+        return false;
+    if (cache)
+        cache->addFolder(folder);
+    return true;
 }
 
-bool ensureParentFolderLong(const std::wstring& path)
+bool ensureParentFolderLong(const std::wstring& path, PathCache* cache)
 {
     const size_t last = path.rfind(kPathSeparator);
     if (last == std::wstring::npos || last == 0)
         return false;
     const std::wstring folder = path.substr(0, last);
-    if (isVolumeRoot(folder))
+    if ((cache && cache->knowsFolder(folder)) || isVolumeRoot(folder))
         return true;
-    if (!directoryEntryExists(folder) && !ensureParentFolderLong(folder))
+    if (!directoryEntryExists(folder) && !ensureParentFolderLong(folder, cache))
         return false;
-    return createFolder(folder);
+    if (!createFolder(folder))
+        return false;
+    if (cache)
+        cache->addFolder(folder);
+    return true;
 }
 
-bool preparePath(const std::wstring& folder, const std::wstring& name, std::wstring& out)
+bool preparePath(const std::wstring& folder, const std::wstring& name, std::wstring& out, PathCache* cache)
 {
     out = folder + kPathSeparator + name;
-    if (!toLongPath(out))
+    if (!toLongPath(out, cache))
         return false;
     const bool prefixed = startsWith(out, kLongPathPrefix);
     if (!prefixed && out.size() > kShortPathLimit)
         return false;
-    return prefixed ? ensureParentFolderLong(out) : ensureParentFolder(out);
+    return prefixed ? ensureParentFolderLong(out, cache) : ensureParentFolder(out, cache);
+}
+
+FILE* createNewFile(const std::wstring& path)
+{
+    HANDLE handle = CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                                CREATE_NEW, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (handle == INVALID_HANDLE_VALUE)
+        return nullptr;
+    const int descriptor = _open_osfhandle(reinterpret_cast<intptr_t>(handle), _O_BINARY);
+    if (descriptor == -1) {
+        CloseHandle(handle);
+        return nullptr;
+    }
+    FILE* file = _wfdopen(descriptor, L"wb+");
+    if (!file)
+        _close(descriptor); // closes the handle with it
+    return file;
 }
 
 bool pathExists(const std::wstring& path)

@@ -4,7 +4,9 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
+#include <unordered_set>
 
 
 namespace qv {
@@ -26,23 +28,49 @@ constexpr size_t kMaxLongPath = 32768;
 constexpr uint32_t kErrorBadPathName = 161; // ERROR_BAD_PATHNAME
 constexpr uint32_t kErrorAlreadyExists = 183; // ERROR_ALREADY_EXISTS
 
+// What one run learns about the file system: folders known to exist (made or found in this run) and
+// the answers about substituted drives, so that a sink placing many entries asks the system once per
+// folder and once per drive letter. Belongs to one thread.
+class PathCache {
+public:
+    bool knowsFolder(const std::wstring& folder) const { return folders_.count(folder) != 0; }
+    void addFolder(const std::wstring& folder) { folders_.insert(folder); }
+    // The target of a substituted drive without "\??\"; false for a real drive. Asked once per letter.
+    bool substitutedTarget(wchar_t letter, std::wstring& target);
+
+private:
+    struct Drive {
+        bool asked = false;
+        bool substituted = false;
+        std::wstring target;
+    };
+    std::unordered_set<std::wstring> folders_;
+    Drive drives_[26];
+};
+
 // Makes path full and canonical: drops a "\\?\" or "\\.\" before a drive letter, turns "\\?\UNC\"
 // back into "\\", follows substituted drives to their targets. Returns 0 or a system error code;
 // 161 for a device path, a non-letter drive or anything else that is not a drive or network path.
-uint32_t normalizePath(std::wstring& path);
+uint32_t normalizePath(std::wstring& path, PathCache* cache = nullptr);
 
 // normalizePath, then the long prefix: always "\\?\UNC\" for a network path with server and share,
 // "\\?\" for a local path of 249 units or more.
-bool toLongPath(std::wstring& path);
+bool toLongPath(std::wstring& path, PathCache* cache = nullptr);
 
 // Creates every missing folder above a short-form path (at most 259 units).
-bool ensureParentFolder(const std::wstring& path);
+bool ensureParentFolder(const std::wstring& path, PathCache* cache = nullptr);
 
 // Creates every missing folder above a path of either form.
-bool ensureParentFolderLong(const std::wstring& path);
+bool ensureParentFolderLong(const std::wstring& path, PathCache* cache = nullptr);
 
-// out = folder + "\" + name in the form the file system accepts, with its parent folders created.
-bool preparePath(const std::wstring& folder, const std::wstring& name, std::wstring& out);
+// out = folder + "\" + name in the form the file system accepts, with its parent folders created
+// (those the cache knows are taken as they are).
+bool preparePath(const std::wstring& folder, const std::wstring& name, std::wstring& out, PathCache* cache = nullptr);
+
+// Makes path as a new file, open for reading and writing and shared with everyone, as a runtime
+// stream in binary mode; null when something is there already or it cannot be made (the reason in
+// GetLastError).
+FILE* createNewFile(const std::wstring& path);
 
 // Whether a file or folder exists; a long path without its prefix never does.
 bool pathExists(const std::wstring& path);

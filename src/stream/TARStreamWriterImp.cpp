@@ -129,7 +129,11 @@ TARStreamWriterImp::TARStreamWriterImp(const wchar_t* destinationFolder) : unpac
 
 TARStreamWriterImp::~TARStreamWriterImp() { file_.reset(); }
 
-void TARStreamWriterImp::close() { file_.reset(); }
+void TARStreamWriterImp::close()
+{
+    file_.reset();
+    pending_.closeAll();
+}
 
 bool TARStreamWriterImp::fail(uint32_t code)
 {
@@ -493,7 +497,7 @@ bool TARStreamWriterImp::staysInside(const std::wstring& relative, bool allowSel
         full += L'\\';
         full += relative;
     }
-    if (qv::normalizePath(full) != 0)
+    if (qv::normalizePath(full, &paths_) != 0)
         return false;
     return isInsideFolder(canonical, full, allowSelf);
 }
@@ -552,18 +556,22 @@ bool TARStreamWriterImp::beginRegularFile(uint8_t type, const PaxAttributes& pax
     if (relative.empty() || !staysInside(relative, false) || passesThroughLink(relative, false))
         return fail(tarerror::FileOpen);
     std::wstring path;
-    if (!qv::preparePath(unpack_.folder(), relative, path))
+    if (!qv::preparePath(unpack_.folder(), relative, path, &paths_))
         return fail(tarerror::FileOpen);
 
-    const DWORD attributes = GetFileAttributesW(path.c_str());
-    if (attributes != INVALID_FILE_ATTRIBUTES) {
-        // Never written through, nor deleted: some systems delete a link's target instead of the link.
-        if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) || isRedirected(path))
-            return fail(tarerror::FileOpen);
-        if (attributes & FILE_ATTRIBUTE_READONLY)
-            SetFileAttributesW(path.c_str(), attributes ^ FILE_ATTRIBUTE_READONLY);
+    // Only a file that was there already has attributes to check.
+    FILE* file = qv::createNewFile(path);
+    if (!file) {
+        const DWORD attributes = GetFileAttributesW(path.c_str());
+        if (attributes != INVALID_FILE_ATTRIBUTES) {
+            // Never written through, nor deleted: some systems delete a link's target instead of the link.
+            if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) || isRedirected(path))
+                return fail(tarerror::FileOpen);
+            if (attributes & FILE_ATTRIBUTE_READONLY)
+                SetFileAttributesW(path.c_str(), attributes ^ FILE_ATTRIBUTE_READONLY);
+        }
+        file = _wfsopen(path.c_str(), L"wb+", _SH_DENYNO);
     }
-    FILE* file = _wfsopen(path.c_str(), L"wbc+", _SH_DENYNO);
     if (!file)
         return fail(tarerror::FileOpen);
     file_.reset(file);
@@ -695,23 +703,14 @@ int64_t TARStreamWriterImp::sparsePosition() const
 
 void TARStreamWriterImp::finishEntry()
 {
-    file_.reset();
+    if (file_) {
+        // The times go on the handle still open; the file reaches the disk by the next checkpoint.
+        const uint64_t ticks =
+            modificationTime_ != 0 ? static_cast<uint64_t>(modificationTime_ + kEpochDifference) * 10000000u : 0;
+        if (!pending_.add(file_.release(), ticks))
+            std::printf("SetFileTime() failed with error %lu.\n", GetLastError());
+    }
     if (!filePath_.empty()) {
-        if (modificationTime_ != 0) {
-            qv::UniqueFile handle(CreateFileW(filePath_.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
-                                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
-            bool timeSet = false;
-            if (handle) {
-                ULARGE_INTEGER ticks;
-                ticks.QuadPart = static_cast<uint64_t>(modificationTime_ + kEpochDifference) * 10000000u;
-                FILETIME time;
-                time.dwLowDateTime = ticks.LowPart;
-                time.dwHighDateTime = ticks.HighPart;
-                timeSet = SetFileTime(handle.get(), &time, &time, &time) != FALSE;
-            }
-            if (!timeSet)
-                std::printf("SetFileTime() failed with error %lu.\n", GetLastError());
-        }
         // Flipped, not set: the same rule as the plain file sink.
         if (mode_ != 0 && (mode_ & kOwnerWrite) == 0) {
             const DWORD attributes = GetFileAttributesW(filePath_.c_str());
@@ -738,7 +737,8 @@ bool TARStreamWriterImp::makeHardLink()
         return fail(tarerror::HardLink);
     std::wstring existing = unpack_.folder() + L'\\' + target;
     std::wstring path;
-    if (!qv::toLongPath(existing) || !qv::preparePath(unpack_.folder(), relative, path) ||
+    pending_.flushAll(); // the target may be a file still open here; a failure stays for the checkpoint
+    if (!qv::toLongPath(existing) || !qv::preparePath(unpack_.folder(), relative, path, &paths_) ||
         !qv::linkOrCopy(path, existing))
         return fail(tarerror::HardLink);
     return true;
@@ -757,7 +757,8 @@ bool TARStreamWriterImp::makeSymbolicLink()
         passesThroughLink(target, false))
         return fail(tarerror::SymbolicLink);
     std::wstring path;
-    if (!qv::preparePath(unpack_.folder(), relative, path))
+    pending_.flushAll(); // a copy may stand in for the link: its target must be closed
+    if (!qv::preparePath(unpack_.folder(), relative, path, &paths_))
         return fail(tarerror::SymbolicLink);
     // Kept relative, so that the link still holds once the tree has moved to its final folder.
     std::replace(text.begin(), text.end(), L'/', L'\\');
@@ -786,7 +787,7 @@ bool TARStreamWriterImp::makeFolder()
     if (!staysInside(relative, false) || passesThroughLink(relative, false))
         return fail(tarerror::Folder);
     std::wstring path;
-    if (!qv::preparePath(unpack_.folder(), relative, path))
+    if (!qv::preparePath(unpack_.folder(), relative, path, &paths_))
         return fail(tarerror::Folder);
     if (!CreateDirectoryW(path.c_str(), nullptr)) {
         const DWORD attributes = GetFileAttributesW(path.c_str());
@@ -807,6 +808,9 @@ bool TARStreamWriterImp::endOfInput()
         return fail(tarerror::Truncated);
     if (!sawArchive_) // nothing at all, or nothing that is tar, is not an (empty) package
         return fail(tarerror::BadHeader);
+    // Complete only once every extracted file is on the disk.
+    if (!pending_.flushAll())
+        return fail(tarerror::ShortWrite);
     return true;
 }
 
@@ -818,9 +822,9 @@ uint64_t TARStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacit
                           mapText_.size() + sparse_.size() * sizeof(SparseRegion) + unpackSize;
     if (!out || !capacity || *capacity < size)
         return size;
-    // What was written so far must be on disk before the record says so.
-    if (file_)
-        std::fflush(file_.get());
+    // Every file written so far must be on the disk before the record says so.
+    if (!pending_.flushAll(file_.get()))
+        return 0;
 
     uint32_t flags = 0;
     flags |= receivedAny_ ? kFlagReceivedAny : 0;
@@ -1010,7 +1014,7 @@ bool TARStreamWriterImp::reopenFile(const std::wstring& relative, int64_t length
     if (!relativeEntryPath(relative, check) || check != relative || !staysInside(relative, false))
         return false;
     std::wstring path;
-    if (!qv::preparePath(unpack_.folder(), relative, path))
+    if (!qv::preparePath(unpack_.folder(), relative, path, &paths_))
         return false;
     WIN32_FILE_ATTRIBUTE_DATA data;
     if (!GetFileAttributesExW(path.c_str(), GetFileExInfoStandard, &data) ||

@@ -8,6 +8,8 @@
 #include <vector>
 
 #include "common/Win32Raii.h"
+#include "stream/PathUtil.h"
+#include "stream/PendingFiles.h"
 #include "stream/Stream.h"
 #include "stream/TARStreamUnpackImp.h"
 #include "stream/TarHeaderBlock.h"
@@ -123,6 +125,8 @@ private:
     qv::UniqueCrtFile file_;
     std::wstring fileRelative_; // the open file, relative to the destination (for checkpoints)
     std::wstring filePath_;     // the open file as opened
+    qv::PendingFiles pending_;  // finished files not yet committed to the disk
+    mutable qv::PathCache paths_; // folders and drives already checked in this run
 
     bool failed_ = false;      // a failure stops the stream for good
     bool receivedAny_ = false; // some bytes reached the sink

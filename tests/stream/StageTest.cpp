@@ -32,6 +32,15 @@ std::wstring drivePath(size_t length) // C:\ddd...\d of exactly length units
 
 const std::string& gnuTar() { static const std::string bytes = contents(workFolder(L"tar-archives\\gnu.tar")); return bytes; }
 std::string package(const wchar_t* name) { return contents(qvtest::wwwDir() + L"\\" + name); }
+// Files of the tree that a handle still holds: a file committed and closed opens exclusively.
+size_t heldFiles(const std::wstring& root)
+{
+    size_t held = 0;
+    for (const auto& [path, entry] : readTree(root))
+        held += !entry.folder && !qv::UniqueFile(CreateFileW((root + L"\\" + qvtest::widen(path)).c_str(), GENERIC_READ, 0,
+                                                             nullptr, OPEN_EXISTING, 0, nullptr));
+    return held;
+}
 
 // Feeds input as the middle thread does: a write, then reads until nothing comes. The SDK's status of
 // the first failure, else of the end of input when atEnd, else 0.
@@ -360,6 +369,7 @@ TEST(TarSink, GnuAndUstarArchivesExtractByteIdenticalInAnyChunking)
         LinkRecorder links;
         ASSERT_TRUE(feed(sink, contents(workFolder(L"tar-archives\\" + qvtest::widen(format) + L".tar")), chunk)) << std::hex << sink.lastStatus();
         EXPECT_TRUE(sink.endOfInput());
+        EXPECT_EQ(0u, heldFiles(dest.path())) << "every file committed and closed before the package completes";
         const auto calls = links.calls();
         expectTree(dest.path(), format, &calls);
     }
@@ -403,6 +413,7 @@ TEST(TarSink, CheckpointMidEntryRestoredIntoAFreshSinkGivesTheSameTree)
             TARStreamWriterImp first(dest.path().c_str());
             ASSERT_TRUE(feed(first, bytes, 65536, 0, row.cut));
             record = saveRecord(first);
+            EXPECT_LE(heldFiles(dest.path()), 1u) << "only the entry being written stays open across a checkpoint";
             ASSERT_TRUE(feed(first, bytes, 65536, row.cut, row.cut + 300000)); // lost with the process
         }
         TARStreamWriterImp restored;
