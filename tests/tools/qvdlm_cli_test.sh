@@ -45,9 +45,11 @@ grep -q 'GET /pkg/pkg_001_[0-9]*\.tar\.lzma2 .* range="bytes=0-"' "$work/resume-
   fail "resume fetched the first block from its start again: $(cat "$work/resume-access.log")"
 diff -r "$src" "$work/dest" || fail "the unpacked tree differs from its source"
 
-# ---- one plain file completes, one answers 404 (the other statuses: QvdlmCliTest.cpp) ----
+# ---- a plain file completes, a URL answers 404, a package lacks its last block (other failures:
+# QvdlmCliTest.cpp) ----
+for b in 1 2; do cp "$www/pkg/pkg_00${b}_00$blocks.tar.lzma2" "$www/pkg/gap_00${b}_00$blocks.tar.lzma2"; done
 rows <<EOF
-6|get http://localhost:$port/hello.txt http://localhost:$port/missing.bin --dest $(win "$work/plain") --store $store --log $(win "$work/get.log")|hello.txt: completed|files in .*plain\\\\hello.txt|missing.bin: 404 Not Found
+6|get http://localhost:$port/hello.txt http://localhost:$port/missing.bin http://localhost:$port/pkg/gap_001_00$blocks.tar.lzma2 --dest $(win "$work/plain") --store $store --log $(win "$work/get.log")|hello.txt: completed|files in .*plain\\\\hello.txt|missing.bin: 404 Not Found|gap: failed: block $blocks of $blocks: http://[^ ]*/gap_00${blocks}_00$blocks.tar.lzma2: 404 Not Found
 EOF
 cmp "$www/hello.txt" "$work/plain/hello.txt" && [ -s "$work/get.log" ] || fail "no hello.txt or no log"
 

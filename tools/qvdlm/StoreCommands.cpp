@@ -31,13 +31,15 @@ int runList(const Options& o, Console& console)
     for (DownloadRequest* r : requests) {
         console.line(text(r->getId()));
         const uint32_t state = r->getState();
-        std::wstring line = L"    " + text(r->getName()) + L"; " + storedStateWord(state) +
-                            (state == qvdlm::state::Completed ? L", " : L" at ") + storedProgress(r);
-        if (state == qvdlm::state::Aborted && r->getStatus())
-            line += L" (" + statusText(r->getStatus()) + L")";
+        std::wstring line = L"    " + text(r->getName()) + L"; " + storedStateWord(state);
+        if (state == qvdlm::state::Aborted)
+            line += r->getStatus() ? L" (" + statusText(r->getStatus()) + L")" : L"";
+        else
+            line += (state == qvdlm::state::Completed ? L", " : L" at ") + storedProgress(r);
         console.line(line);
-        console.line(state == qvdlm::state::Completed ? L"    files in " + filesLocation(r)
-                                                      : L"    working folder " + text(r->getDestDir()));
+        if (state != qvdlm::state::Aborted) // a failed download's working folder is gone
+            console.line(state == qvdlm::state::Completed ? L"    files in " + filesLocation(r)
+                                                          : L"    working folder " + text(r->getDestDir()));
         QvDLM::destroy(r);
     }
     return exitcode::Ok;

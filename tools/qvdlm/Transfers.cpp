@@ -46,12 +46,11 @@ std::wstring filesLocation(DownloadRequest* request)
     return file.empty() ? folder : folder + L"\\" + file;
 }
 
-std::wstring blockPrefix(DownloadRequest* request)
+std::wstring blockPrefix(int32_t block, int32_t count)
 {
-    const int32_t count = request->getBlockCount();
     if (count < 2)
         return {};
-    return L"block " + std::to_wstring(std::min(request->getBlockId(), count - 1) + 1) + L" of " + std::to_wstring(count) + L": ";
+    return L"block " + std::to_wstring(std::min(block, count - 1) + 1) + L" of " + std::to_wstring(count) + L": ";
 }
 
 std::wstring storedProgress(DownloadRequest* r)
@@ -108,7 +107,12 @@ std::vector<ProgressSnapshot> Transfers::snapshots(std::vector<Tracked>& items, 
 void Transfers::update(Tracked& item, uint64_t nowMs)
 {
     Download* d = item.download;
-    item.outcome = classify(d->getState(), d->isRunning());
+    const uint32_t state = d->getState();
+    item.outcome = classify(state, d->isRunning());
+    if (state == qvdlm::state::Play || state == qvdlm::state::Paused) {
+        item.block = d->getRequest()->getBlockId();
+        item.blockUrl = text(d->getRequest()->getUrl(false));
+    }
     if (item.outcome != Outcome::Paused) {
         item.pausedSinceMs = 0;
     } else if (item.pausedSinceMs == 0) {
@@ -178,13 +182,13 @@ void Transfers::report(Tracked& item, uint64_t elapsedMs)
     }
     case Outcome::Failed: {
         // The validation of the block it stopped at names the URL and the server's answer.
-        const std::wstring url = text(request->getUrl(false));
+        const std::wstring url = item.blockUrl.empty() ? text(request->getUrl(false)) : item.blockUrl;
         item.failure = failureFromValidationLine(events_.lastLineAbout(url));
         if (item.failure.exitCode == exitcode::Ok) {
             item.failure = failureOfDownload(status, d->getStreamError(), events_.lastMessage(d), item.dest);
             item.failure.text = url + L": " + item.failure.text;
         }
-        console_.error(item.label + L": failed: " + blockPrefix(request) + item.failure.text);
+        console_.error(item.label + L": failed: " + blockPrefix(item.block, request->getBlockCount()) + item.failure.text);
         break;
     }
     }

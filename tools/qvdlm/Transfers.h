@@ -28,6 +28,8 @@ struct Tracked {
     unsigned starts = 0;          // times the client asked a waiting download to start
     bool gaveUp = false;          // the client stopped it; it did not end by itself
     SpeedMeter downloadSpeed, unpackSpeed;
+    std::wstring blockUrl;        // the URL of the block it was at while it ran (an abort rewinds the request)
+    int32_t block = 0;
     Failure failure;              // why it failed, once it has
 };
 
@@ -83,6 +85,6 @@ std::wstring filesLocation(DownloadRequest* request);
 std::wstring storedProgress(DownloadRequest* request);
 
 // "block 2 of 3: " for a package of several blocks, else "".
-std::wstring blockPrefix(DownloadRequest* request);
+std::wstring blockPrefix(int32_t block, int32_t count);
 
 } // namespace qvcli
