@@ -1,6 +1,7 @@
 #include "CommandLine.h"
 
 #include <cwchar>
+#include <cwctype>
 #include <functional>
 #include <initializer_list>
 
@@ -123,12 +124,24 @@ bool commandFromWord(const std::wstring& word, Command& out)
         Command command;
     } words[] = {{L"get", Command::Get},     {L"resume", Command::Resume}, {L"list", Command::List},
                  {L"remove", Command::Remove}, {L"proxy", Command::Proxy},   {L"token", Command::Token},
-                 {L"help", Command::Help}};
+                 {L"help", Command::Help},       {L"--version", Command::Version}, {L"-V", Command::Version}};
     for (const auto& w : words)
         if (word == w.word) {
             out = w.command;
             return true;
         }
+    return false;
+}
+
+bool isHttpUrl(const std::wstring& url)
+{
+    for (const std::wstring scheme : {L"http://", L"https://"}) {
+        bool same = url.size() > scheme.size();
+        for (size_t i = 0; same && i < scheme.size(); ++i)
+            same = std::towlower(url[i]) == scheme[i];
+        if (same)
+            return true;
+    }
     return false;
 }
 
@@ -218,10 +231,14 @@ ParseResult parseCommandLine(const std::vector<std::wstring>& args)
 
     switch (options.command) {
     case Command::Help:
+    case Command::Version:
         break;
     case Command::Get:
         if (positional.empty())
             return refuse(L"get needs at least one URL");
+        for (const std::wstring& url : positional)
+            if (!isHttpUrl(url))
+                return refuse(L"\"" + url + L"\" is not a URL: it must begin with http:// or https://");
         if (!options.file.empty() && positional.size() > 1)
             return refuse(L"--file names one download's file; give one URL with it");
         if ((options.size || options.unpackedSize) && positional.size() > 1)
@@ -262,13 +279,14 @@ const wchar_t* usageText()
            L"      --size BYTES           compressed size of the package, for percent and time left\n"
            L"      --unpacked-size BYTES  size of the unpacked files, for the disk-space check\n"
            L"      --max-active N         downloads running at once (default 3)\n"
-           L"      --save-interval BYTES  bytes between checkpoints (default 700M)\n"
+           L"      --save-interval BYTES  bytes between checkpoints, the most a stop can lose (default 64M)\n"
            L"      --akamai               deliver through Akamai NetSession, falling back to HTTP\n"
            L"      --log FILE             write the library's download log to FILE\n"
            L"      --timeout SECONDS      stop (resumably) after this long\n"
            L"  resume [--max-active N] [--log FILE] [--timeout SECONDS]\n"
            L"                          finish every stored download\n"
            L"  list                    show the stored downloads with state and progress\n"
+           L"  --version               print the version\n"
            L"  remove ID               forget a stored download and delete its partial files\n"
            L"  proxy URL [--ask]       show the proxy that would be used for URL (--ask: allow the\n"
            L"                          credential dialog)\n"
@@ -278,7 +296,13 @@ const wchar_t* usageText()
            L"  --store FILE            use FILE as the request store instead of the library's own\n"
            L"\n"
            L"Ctrl+C stops a download and keeps its progress: \"qvdlm resume\" finishes it.\n"
-           L"Exit status: 0 every download completed, 1 failure, 2 bad command line, 3 stopped.\n";
+           L"\n"
+           L"Exit status (for several downloads, that of the first one that failed):\n"
+           L"  0 every download completed           5 host not trusted\n"
+           L"  1 other failure                      6 the server answered with an error (404, ...)\n"
+           L"  2 bad command line or URL            7 destination not writable, path too long, disk full\n"
+           L"  3 stopped, progress kept (Ctrl+C)    8 the package is damaged\n"
+           L"  4 network: cannot resolve or connect, connection lost, proxy\n";
 }
 
 } // namespace qvcli

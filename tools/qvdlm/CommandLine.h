@@ -7,7 +7,7 @@
 
 namespace qvcli {
 
-enum class Command { Help, Get, Resume, List, Remove, Proxy, Token };
+enum class Command { Help, Version, Get, Resume, List, Remove, Proxy, Token };
 
 struct Options {
     Command command = Command::Help;

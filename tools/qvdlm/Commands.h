@@ -3,15 +3,9 @@
 
 #include "CommandLine.h"
 #include "Console.h"
+#include "Failure.h"
 
 namespace qvcli {
-
-namespace exitcode {
-constexpr int Ok = 0;
-constexpr int Failed = 1;
-constexpr int Usage = 2;
-constexpr int Stopped = 3;
-} // namespace exitcode
 
 // Parses args (without the program name) and runs the command they name; answers the exit status.
 int runCommandLine(const std::vector<std::wstring>& args, Console& console);
@@ -24,7 +18,11 @@ int runProxy(const Options& options, Console& console);
 int runToken(const Options& options, Console& console);
 
 struct TransferSummary;
-// The exit status after a run of downloads: 0 only when all of them completed.
+// The exit status after a run of downloads: 0 only when all of them completed, else the status of the
+// first failure, else 3 (stopped).
 int exitStatusFor(const TransferSummary& summary, size_t downloads);
+
+// The client's default bytes between checkpoints (the library's own default is far larger).
+constexpr uint64_t kDefaultSaveInterval = 64ull << 20;
 
 } // namespace qvcli

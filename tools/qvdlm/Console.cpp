@@ -28,8 +28,9 @@ size_t Console::width() const
     if (!interactive_ || !GetConsoleScreenBufferInfo(out_, &info))
         return 0;
     const int columns = info.srWindow.Right - info.srWindow.Left + 1;
-    // One column less than the window: writing the last column would wrap the line.
-    return columns > 1 ? static_cast<size_t>(columns - 1) : 0;
+    // Three columns less than the window: writing the last column would wrap the line, and so would a
+    // redraw that a Unix terminal's "^C" pushed two columns to the right before the stop is seen.
+    return columns > 3 ? static_cast<size_t>(columns - 3) : 0;
 }
 
 void Console::write(HANDLE handle, bool console, const std::wstring& text)
@@ -97,16 +98,36 @@ void Console::redraw(const std::vector<std::wstring>& lines)
     std::wstring text;
     for (size_t i = 0; i < count; ++i) {
         std::wstring l = i < lines.size() ? lines[i] : std::wstring();
-        const size_t old = i < block_.size() ? block_[i].size() : 0;
+        // After restartLine the terminal may hold a line drawn two columns to the right: blank it all.
+        const size_t old = padFull_ ? width() + 2 : i < block_.size() ? block_[i].size() : 0;
         if (l.size() < old)
             l.append(old - l.size(), L' ');
         text += l + L"\n";
     }
     write(out_, true, text);
+    padFull_ = false;
     block_ = lines;
     block_.resize(count);
 }
 
 void Console::endBlock() { block_.clear(); }
+
+void Console::restartLine()
+{
+    // A line break brings even a terminal that wrote behind the console's back to column 0 (the
+    // console passes it on as such; cursor moves it passes on relative to where it thinks the cursor
+    // is). Then the line left behind is blanked and the cursor goes back to its start.
+    if (!interactive_)
+        return;
+    write(out_, true, L"\n");
+    CONSOLE_SCREEN_BUFFER_INFO info;
+    if (!GetConsoleScreenBufferInfo(out_, &info) || info.dwCursorPosition.Y < 1)
+        return;
+    const COORD start{0, static_cast<SHORT>(info.dwCursorPosition.Y - 1)};
+    SetConsoleCursorPosition(out_, start);
+    write(out_, true, std::wstring(width() + 2, L' '));
+    SetConsoleCursorPosition(out_, start);
+    padFull_ = true;
+}
 
 } // namespace qvcli

@@ -27,6 +27,9 @@ public:
     void redraw(const std::vector<std::wstring>& lines);
     // Leaves the progress block on the screen; the next output starts below it.
     void endBlock();
+    // Console only: puts the cursor at the start of its line and blanks the line, also when the
+    // terminal has written there behind the console's back (the "^C" a Unix terminal echoes).
+    void restartLine();
 
     Console(const Console&) = delete;
     Console& operator=(const Console&) = delete;
@@ -40,6 +43,7 @@ private:
     bool interactive_ = false;
     bool errConsole_ = false;
     std::vector<std::wstring> block_; // the progress lines now on the screen
+    bool padFull_ = false;            // the next redraw blanks whole lines
 };
 
 } // namespace qvcli

@@ -29,14 +29,13 @@ uint32_t EventCollector::lastMessage(Download* download) const
     return it == messages_.end() ? 0 : it->second;
 }
 
-std::vector<std::wstring> EventCollector::linesAbout(const std::wstring& text) const
+std::wstring EventCollector::lastLineAbout(const std::wstring& url) const
 {
-    std::vector<std::wstring> out;
     std::lock_guard<std::mutex> hold(lock_);
-    for (const std::wstring& line : lines_)
-        if (!text.empty() && line.find(text) != std::wstring::npos)
-            out.push_back(line);
-    return out;
+    for (auto line = lines_.rbegin(); line != lines_.rend(); ++line)
+        if (!url.empty() && line->find(url) != std::wstring::npos && line->compare(0, 12, L"validateUrl:") == 0)
+            return *line;
+    return {};
 }
 
 } // namespace qvcli

@@ -1,5 +1,5 @@
 // Listens to the library's events and keeps what the user needs to see when something goes wrong: the
-// last status message of each download and the diagnostic lines about URLs (validation).
+// last status message of each download and the lines of URL validation.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,6 @@
 #include <map>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "QvDLM.h"
 
@@ -20,8 +19,8 @@ public:
 
     // The last status message number (1000..1021) reported for the download, 0 when none.
     uint32_t lastMessage(Download* download) const;
-    // Diagnostic lines published without a download that mention text (a URL).
-    std::vector<std::wstring> linesAbout(const std::wstring& text) const;
+    // The last validation line ("validateUrl: ...") that mentions url; empty when there is none.
+    std::wstring lastLineAbout(const std::wstring& url) const;
 
     static constexpr size_t kMaxLines = 200;
 

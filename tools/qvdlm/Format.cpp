@@ -1,6 +1,7 @@
 #include "Format.h"
 
 #include <algorithm>
+#include <vector>
 #include <cwchar>
 #include <cwctype>
 
@@ -46,7 +47,7 @@ std::wstring formatBytes(uint64_t bytes)
     return printf1(unit >= 1 && value < 10.0 ? L"%.2f %ls" : L"%.1f %ls", value, units[unit]);
 }
 
-std::wstring formatRate(uint64_t bitsPerSecond) { return formatBytes(bitsPerSecond / 8) + L"/s"; }
+std::wstring formatSpeed(uint64_t bytesPerSecond) { return formatBytes(bytesPerSecond) + L"/s"; }
 
 std::wstring formatDuration(int64_t seconds)
 {
@@ -82,28 +83,82 @@ std::wstring formatPercent(int tenths)
     return buffer;
 }
 
+void SpeedMeter::add(uint64_t nowMs, uint64_t bytes)
+{
+    if (!readings_.empty() && (bytes < readings_.back().second || nowMs < readings_.back().first))
+        readings_.clear();
+    readings_.emplace_back(nowMs, bytes);
+    // Keep one reading at or beyond the window's start, so that the speed covers the whole window.
+    while (readings_.size() > 2 && nowMs - readings_[1].first >= kWindowMs)
+        readings_.pop_front();
+}
+
+int64_t SpeedMeter::bytesPerSecond() const
+{
+    if (readings_.size() < 2)
+        return -1;
+    const auto& [firstMs, firstBytes] = readings_.front();
+    const auto& [lastMs, lastBytes] = readings_.back();
+    if (lastMs - firstMs < kMinSpanMs)
+        return -1;
+    return static_cast<int64_t>(static_cast<double>(lastBytes - firstBytes) * 1000.0 / static_cast<double>(lastMs - firstMs));
+}
+
+int64_t etaSeconds(uint64_t remaining, int64_t bytesPerSecond)
+{
+    if (bytesPerSecond <= 0)
+        return -1;
+    const uint64_t speed = static_cast<uint64_t>(bytesPerSecond);
+    return static_cast<int64_t>(remaining / speed + (remaining % speed ? 1 : 0));
+}
+
+std::wstring shortenMiddle(const std::wstring& text, size_t room)
+{
+    if (text.size() <= room)
+        return text;
+    if (room < 5)
+        return text.substr(0, room);
+    const size_t keep = room - 3;
+    return text.substr(0, (keep + 1) / 2) + L"..." + text.substr(text.size() - keep / 2);
+}
+
 std::wstring progressLine(const ProgressSnapshot& s, size_t width)
 {
-    std::wstring tail;
+    struct Field {
+        std::wstring text; // with the separator in front
+        int rank;          // fields of the highest rank go first when space is short
+    };
+    std::vector<Field> fields;
+    if (!s.state.empty())
+        fields.push_back({L"  " + s.state, s.state == L"downloading" ? 7 : 2});
     const int tenths = percentTenths(s.done, s.total);
     if (tenths >= 0)
-        tail += (s.totalEstimated ? L"~" : L"") + formatPercent(tenths) + L"  " + formatBytes(s.done) + L" of " +
-                formatBytes(s.total);
-    else
-        tail += formatBytes(s.done);
-    tail += L"  " + formatRate(s.bitsPerSecond);
-    if (tenths >= 0 && !s.totalEstimated)
-        tail += L"  ETA " + formatDuration(s.etaSeconds);
-    if (!s.stateText.empty())
-        tail += L"  " + s.stateText;
-
-    std::wstring label = s.label;
-    if (width > 0) {
-        const size_t room = width > tail.size() + 2 ? width - tail.size() - 2 : 0;
-        if (label.size() > room)
-            label = room > 3 ? label.substr(0, room - 3) + L"..." : std::wstring();
+        fields.push_back({(s.totalEstimated ? L"  ~" : L"  ") + formatPercent(tenths), 1});
+    fields.push_back({L"  " + formatBytes(s.done), 5});
+    if (s.total)
+        fields.push_back({L" of " + formatBytes(s.total), 6});
+    if (s.bytesPerSecond >= 0) {
+        fields.push_back({L"  " + formatSpeed(static_cast<uint64_t>(s.bytesPerSecond)), 4});
+        if (tenths >= 0 && !s.totalEstimated)
+            fields.push_back({L"  ETA " + formatDuration(etaSeconds(s.total - std::min(s.done, s.total), s.bytesPerSecond)), 3});
     }
-    std::wstring line = label.empty() ? tail : label + L"  " + tail;
+    // The name keeps up to 16 characters; the fields make room for it, the most important ones last.
+    const size_t nameMin = std::min<size_t>(s.label.size(), 16);
+    auto length = [&fields] {
+        size_t n = 0;
+        for (const Field& f : fields)
+            n += f.text.size();
+        return n;
+    };
+    while (width > 0 && !fields.empty() && nameMin + length() > width) {
+        auto last = std::max_element(fields.begin(), fields.end(), [](const Field& a, const Field& b) { return a.rank < b.rank; });
+        fields.erase(last);
+    }
+    std::wstring line = width > 0 ? shortenMiddle(s.label, width > length() ? width - length() : 0) : s.label;
+    for (const Field& f : fields)
+        line += f.text;
+    if (s.label.empty() && line.size() >= 2)
+        line.erase(0, 2);
     if (width > 0 && line.size() > width)
         line.resize(width);
     return line;

@@ -12,12 +12,14 @@ namespace qvcli {
 
 namespace {
 
-// The request for one URL, or null (reported) when the URL is unusable.
-DownloadRequest* makeRequest(const Options& o, const std::wstring& url, const std::wstring& dest, Console& console)
+// The request for one URL, or null (reported, with its exit status in failure) when the URL is unusable.
+DownloadRequest* makeRequest(const Options& o, const std::wstring& url, const std::wstring& dest, Console& console,
+                             int& failure)
 {
     DownloadRequest* request = QvDLM::createDownloadRequest();
     if (!request) {
         console.error(L"out of memory");
+        failure = exitcode::Failed;
         return nullptr;
     }
     // The parameter names must be known before setUrl: it makes the tokens from them.
@@ -27,15 +29,15 @@ DownloadRequest* makeRequest(const Options& o, const std::wstring& url, const st
         request->setSessionParamName(o.sessionParam.c_str());
     request->setUrl(url.c_str(), o.file.empty() ? nullptr : o.file.c_str(), nullptr);
     if (!request->getId() || !*request->getId() || request->getBlockCount() < 1) {
-        console.error(L"not an http:// or https:// URL: " + url);
+        console.error(url + L": not an http:// or https:// URL");
+        failure = exitcode::Usage;
         QvDLM::destroy(request);
         return nullptr;
     }
     const std::wstring name = o.name.empty() ? nameFromUrlPath(request->getUrlPath() ? request->getUrlPath() : L"") : o.name;
     request->setName(name.empty() ? url.c_str() : name.c_str());
     request->setDestDir(dest.c_str());
-    if (o.hasSaveInterval)
-        request->setSaveInterval(o.saveInterval);
+    request->setSaveInterval(o.hasSaveInterval ? o.saveInterval : kDefaultSaveInterval);
     if (o.akamai)
         request->setUseAkamai(true);
     if (o.size)
@@ -45,27 +47,27 @@ DownloadRequest* makeRequest(const Options& o, const std::wstring& url, const st
     return request;
 }
 
-// Asks the manager whether the request can be fetched (trusted host, server answers with a size).
-bool checkRequest(LibrarySession& session, DownloadRequest* request, const std::wstring& url, Console& console)
+// A stored request with the same ID: a completed or failed one is forgotten (the new download replaces
+// it); one that can still be resumed is kept and the URL refused.
+bool makeRoom(LibrarySession& session, const std::wstring& id, const std::wstring& url, Console& console)
 {
-    const unsigned result = session.manager()->checkRequest(request);
-    if (result == qvdlm::validation::Ok)
+    DownloadRequestLog* store = session.store();
+    if (!store->exists(id.c_str()))
         return true;
-    std::wstring reason;
-    if (result == qvdlm::validation::AlreadyAdded) {
-        reason = L"given twice";
+    DownloadRequest* stored = QvDLM::createDownloadRequest();
+    const bool loaded = stored && store->load(id.c_str(), stored);
+    const uint32_t state = loaded ? stored->getState() : qvdlm::state::Paused;
+    const bool replace = state == qvdlm::state::Completed || state == qvdlm::state::Aborted;
+    if (replace) {
+        store->remove(id.c_str());
+        console.line(url + L": replaces its earlier " + storedStateWord(state) + L" download");
     } else {
-        const wchar_t* text = qvdlm::messageText(qvdlm::validationOutcome(result).message);
-        reason = text && *text ? text : L"refused";
-        if (result == qvdlm::validation::Forbidden)
-            reason += L" (access forbidden)";
-        else if (result == qvdlm::validation::NewerRequestVersion)
-            reason += L" (the request is newer than this library)";
+        console.error(url + L": already stored, " + storedStateWord(state) + L" at " +
+                      (loaded ? storedProgress(stored) + L" in " + parentFolder(stored->getDestDir() ? stored->getDestDir() : L"") : L"?") +
+                      L"; \"qvdlm resume\" finishes it, \"qvdlm remove " + url + L"\" forgets it");
     }
-    console.error(url + L": " + reason + L" [validation result " + std::to_wstring(result) + L"]");
-    for (const std::wstring& line : session.events().linesAbout(request->getUrl(false) ? request->getUrl(false) : url))
-        console.error(L"  " + line);
-    return false;
+    QvDLM::destroy(stored);
+    return replace;
 }
 
 } // namespace
@@ -81,29 +83,27 @@ int runGet(const Options& o, Console& console)
 
     const std::wstring dest = absolutePath(o.dest.empty() ? L"." : o.dest);
     std::vector<Tracked> items;
-    bool anyRefused = false;
+    int refused = exitcode::Ok; // exit status of the first URL refused before its download started
     for (const std::wstring& url : o.urls) {
-        DownloadRequest* request = makeRequest(o, url, dest, console);
-        if (!request) {
-            anyRefused = true;
+        int failure = exitcode::Failed;
+        DownloadRequest* request = makeRequest(o, url, dest, console, failure);
+        if (!request || !makeRoom(session, request->getId(), url, console)) {
+            QvDLM::destroy(request);
+            refused = refused ? refused : failure;
             continue;
         }
-        const std::wstring id = request->getId();
-        if (session.store()->exists(id.c_str())) {
-            console.error(url + L": already stored as " + id +
-                          L"; \"qvdlm resume\" finishes it, \"qvdlm remove\" forgets it");
+        // The manager checks that the host is trusted and that the server answers with a size.
+        if (const unsigned result = manager->checkRequest(request); result != qvdlm::validation::Ok) {
+            const std::wstring checked = request->getUrl(false) ? request->getUrl(false) : url;
+            const Failure f = refusedUrl(result, checked, session.events().lastLineAbout(checked));
+            console.error(f.text);
             QvDLM::destroy(request);
-            anyRefused = true;
-            continue;
-        }
-        if (!checkRequest(session, request, url, console)) {
-            QvDLM::destroy(request);
-            anyRefused = true;
+            refused = refused ? refused : f.exitCode;
             continue;
         }
         Tracked item;
         item.label = request->getName();
-        item.url = request->getUrl(false) ? request->getUrl(false) : url;
+        item.dest = dest;
         // Validation read the size of the first block; a single block is the whole package.
         const uint64_t firstBlock = static_cast<uint64_t>(std::max<int64_t>(request->getContentLength(), 0));
         if (!request->getCompressedSize() && firstBlock) {
@@ -121,9 +121,9 @@ int runGet(const Options& o, Console& console)
             // Whether the request was already handed over is not known here: leave it rather than risk
             // releasing it twice.
             const DWORD error = GetLastError();
-            console.error(url + L": cannot prepare the download in " + dest +
-                          (error ? L": " + systemErrorText(error) : std::wstring()));
-            anyRefused = true;
+            const Failure f = failureToPrepare(error, dest, systemErrorText(error));
+            console.error(url + L": " + f.text);
+            refused = refused ? refused : f.exitCode;
             continue;
         }
         item.download = download;
@@ -132,7 +132,7 @@ int runGet(const Options& o, Console& console)
 
     stopSignal::install();
     for (Tracked& item : items) {
-        console.line(L"get " + item.url + L" -> " + dest);
+        console.line(L"get " + std::wstring(item.download->getRequest()->getId()) + L" -> " + dest);
         manager->startDownload(item.download);
     }
     TransferSummary summary;
@@ -144,16 +144,16 @@ int runGet(const Options& o, Console& console)
     }
     stopSignal::done();
     const int status = exitStatusFor(summary, items.size());
-    return anyRefused && status == exitcode::Ok ? exitcode::Failed : status;
+    return refused != exitcode::Ok ? refused : status;
 }
 
 int exitStatusFor(const TransferSummary& summary, size_t downloads)
 {
     if (summary.completed == downloads)
         return exitcode::Ok;
-    if (summary.end != TransferEnd::Finished && summary.failed == 0)
-        return exitcode::Stopped;
-    return exitcode::Failed;
+    if (summary.failed > 0)
+        return summary.firstFailure;
+    return exitcode::Stopped;
 }
 
 } // namespace qvcli

@@ -57,22 +57,39 @@ std::wstring statusText(uint32_t status)
     return buffer;
 }
 
-std::wstring describe(uint32_t state, uint32_t status)
+std::wstring stateWord(uint32_t state, uint32_t status, bool unpacking)
 {
-    const wchar_t* name = qvdlm::stateName(state);
-    std::wstring text;
-    if (name) {
-        text = name;
-    } else {
+    namespace st = qvdlm::state;
+    switch (state) {
+    case st::Completed: return L"completed";
+    case st::Aborted: return L"failed";
+    case st::Removed: return L"removed";
+    case st::Aborting:
+    case st::Exiting: return L"stopping";
+    case st::Completing: return L"finishing";
+    case st::Pending: return L"queued";
+    case st::Init: return L"starting";
+    case st::Play: return unpacking ? L"unpacking" : L"downloading";
+    case st::Paused:
+        switch (status) {
+        case qvdlm::status::NetworkDisconnected:
+        case qvdlm::status::NetworkReconnecting:
+        case qvdlm::status::NetworkError:
+        case qvdlm::status::ServerNotResponding: return L"waiting for network";
+        case qvdlm::status::OutOfDiskSpace: return L"paused, disk full";
+        default: return L"paused";
+        }
+    default: {
         wchar_t buffer[32];
         std::swprintf(buffer, std::size(buffer), L"state 0x%08X", static_cast<unsigned>(state));
-        text = buffer;
+        return buffer;
     }
-    // Reconnecting is no error while paused: the library is still trying.
-    const bool quiet = state == qvdlm::state::Paused && status == qvdlm::status::NetworkReconnecting;
-    if (status != qvdlm::status::None && !quiet)
-        text += L" (" + statusText(status) + L")";
-    return text;
+    }
+}
+
+std::wstring storedStateWord(uint32_t state)
+{
+    return state == qvdlm::state::Completed ? L"completed" : state == qvdlm::state::Aborted ? L"failed" : L"stopped";
 }
 
 } // namespace qvcli

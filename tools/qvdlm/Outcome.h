@@ -1,4 +1,4 @@
-// Where a download stands, as the client sees it, and the library's texts for its state and status.
+// Where a download stands, as the client sees it, and the words it shows for that.
 #pragma once
 
 #include <cstdint>
@@ -20,11 +20,15 @@ Outcome classify(uint32_t state, bool threadAlive);
 
 bool isFinal(Outcome outcome);
 
+// The state of a running download in words: "downloading", "unpacking" (the download is done and the
+// files are still being extracted), "paused", "waiting for network", "queued", "completed", "failed", ...
+std::wstring stateWord(uint32_t state, uint32_t status, bool unpacking);
+
+// The state of a stored download in words: "completed", "failed" or "stopped" (resume finishes it).
+std::wstring storedStateWord(uint32_t state);
+
 // The library's text for a status code ("network error"); empty for 0, the code in hex when the
 // library has no message for it.
 std::wstring statusText(uint32_t status);
-
-// "download paused (network error)", "download play".
-std::wstring describe(uint32_t state, uint32_t status);
 
 } // namespace qvcli

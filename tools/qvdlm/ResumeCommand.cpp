@@ -1,7 +1,11 @@
-// qvdlm resume: re-creates every stored download and finishes those that were not done.
+// qvdlm resume: re-creates every stored download and finishes those that were not done. Downloads that
+// had completed or failed before are left alone (the store keeps them until "qvdlm remove").
+#include <set>
+
 #include "Commands.h"
 #include "LibrarySession.h"
 #include "StopSignal.h"
+#include "TextUtil.h"
 #include "Transfers.h"
 
 namespace qvcli {
@@ -15,38 +19,46 @@ int runResume(const Options& o, Console& console)
     if (o.maxActive > 0)
         manager->setMaxActive(o.maxActive);
 
+    std::set<std::wstring> finished; // stored as completed or failed
+    DownloadRequestSet stored;
+    session.store()->loadAll(stored);
+    for (DownloadRequest* r : stored) {
+        if (r->getState() == qvdlm::state::Completed || r->getState() == qvdlm::state::Aborted)
+            finished.insert(r->getId() ? r->getId() : L"");
+        QvDLM::destroy(r);
+    }
     manager->beginRestore();
     manager->restore();
     manager->endRestore();
-    const DownloadList downloads = manager->getDownloads();
-    if (downloads.empty()) {
-        console.line(L"nothing to resume");
-        return exitcode::Ok;
-    }
 
     std::vector<Tracked> items;
-    bool anyAborted = false;
-    for (Download* d : downloads) {
+    int refused = exitcode::Ok;
+    for (Download* d : manager->getDownloads()) {
         DownloadRequest* request = d->getRequest();
-        const std::wstring label = request->getName() && *request->getName() ? request->getName() : request->getId();
-        const uint32_t state = d->getState();
-        if (state == qvdlm::state::Completed) {
-            console.line(label + L": completed earlier; files in " + filesLocation(d));
+        const std::wstring id = request->getId() ? request->getId() : L"";
+        if (finished.count(id) || d->getState() == qvdlm::state::Completed)
             continue;
-        }
-        if (state == qvdlm::state::Aborted) {
-            // Restoring found it unusable (its server refuses it, or it is newer than this library).
-            console.line(label + L": " + describe(state, d->getStatus()) + L"; \"qvdlm remove " +
-                         request->getId() + L"\" forgets it");
-            anyAborted = true;
+        const std::wstring label = request->getName() && *request->getName() ? request->getName() : id;
+        if (d->getState() == qvdlm::state::Aborted) {
+            // Restoring found it unusable: its server refuses it, or it is newer than this library.
+            const std::wstring url = request->getUrl(false) ? request->getUrl(false) : id;
+            const Failure f = refusedUrl(d->getStatus() == qvdlm::status::NewerRequestVersion ? qvdlm::validation::NewerRequestVersion
+                                                                                               : qvdlm::validation::OpenFailure,
+                                         url, session.events().lastLineAbout(url));
+            console.error(label + L": failed: " + f.text + L"; \"qvdlm remove " + id + L"\" forgets it");
+            refused = refused ? refused : f.exitCode;
             continue;
         }
         Tracked item;
         item.download = d;
         item.label = label;
-        item.url = request->getUrl(false) ? request->getUrl(false) : request->getId();
+        item.dest = parentFolder(request->getDestDir() ? request->getDestDir() : L"");
         item.startBytes = d->getDownloadedSize();
         items.push_back(item);
+    }
+    if (items.empty() && refused == exitcode::Ok) {
+        console.line(L"nothing to resume");
+        return exitcode::Ok;
     }
 
     stopSignal::install();
@@ -65,7 +77,7 @@ int runResume(const Options& o, Console& console)
     }
     stopSignal::done();
     const int status = exitStatusFor(summary, items.size());
-    return anyAborted && status == exitcode::Ok ? exitcode::Failed : status;
+    return refused != exitcode::Ok ? refused : status;
 }
 
 } // namespace qvcli

@@ -13,6 +13,7 @@ int runCommandLine(const std::vector<std::wstring>& args, Console& console)
     const Options& o = parsed.options;
     switch (o.command) {
     case Command::Help: console.line(usageText()); return exitcode::Ok;
+    case Command::Version: console.line(L"qvdlm " QVDLM_VERSION); return exitcode::Ok;
     case Command::Get: return runGet(o, console);
     case Command::Resume: return runResume(o, console);
     case Command::List: return runList(o, console);

@@ -14,15 +14,6 @@ namespace {
 
 std::wstring text(const wchar_t* value) { return value ? value : L""; }
 
-std::wstring progressText(DownloadRequest* r)
-{
-    const uint64_t done = r->getTotalDownloadedSize() + r->getBlockDownloadedSize();
-    const uint64_t size = r->getCompressedSize();
-    if (const int tenths = percentTenths(done, size); tenths >= 0)
-        return formatPercent(tenths) + L" (" + formatBytes(done) + L" of " + formatBytes(size) + L")";
-    return formatBytes(done);
-}
-
 } // namespace
 
 int runList(const Options& o, Console& console)
@@ -39,9 +30,16 @@ int runList(const Options& o, Console& console)
         console.line(L"no stored downloads");
     for (DownloadRequest* r : requests) {
         console.line(text(r->getId()));
-        console.line(L"    " + text(r->getName()) + L"; " + describe(r->getState(), r->getStatus()) + L"; " +
-                     progressText(r));
-        console.line(L"    working folder " + text(r->getDestDir()));
+        const uint32_t state = r->getState();
+        std::wstring line = L"    " + text(r->getName()) + L"; " + storedStateWord(state);
+        if (state == qvdlm::state::Aborted)
+            line += r->getStatus() ? L" (" + statusText(r->getStatus()) + L")" : L"";
+        else
+            line += (state == qvdlm::state::Completed ? L", " : L" at ") + storedProgress(r);
+        console.line(line);
+        if (state != qvdlm::state::Aborted) // a failed download's working folder is gone
+            console.line(state == qvdlm::state::Completed ? L"    files in " + filesLocation(r)
+                                                          : L"    working folder " + text(r->getDestDir()));
         QvDLM::destroy(r);
     }
     return exitcode::Ok;
@@ -73,7 +71,7 @@ int runRemove(const Options& o, Console& console)
     Download* d = downloads[static_cast<size_t>(found)];
     const std::wstring id = ids[static_cast<size_t>(found)];
     const bool completed = d->getState() == qvdlm::state::Completed;
-    const std::wstring files = filesLocation(d);
+    const std::wstring files = filesLocation(d->getRequest());
     if (!completed && d->getState() != qvdlm::state::Aborted) {
         // Throws away the partial files and checkpoints of a download that never finished.
         manager->control(d, qvdlm::command::AbortDiscard);

@@ -22,50 +22,86 @@ std::wstring seconds(uint64_t ms)
     return buffer;
 }
 
+std::wstring text(const wchar_t* value) { return value ? value : L""; }
+
 } // namespace
 
-uint64_t packageSize(Download* download, uint64_t estimate, bool& estimated)
+uint64_t packageSize(DownloadRequest* request, uint64_t estimate, bool& estimated)
 {
     estimated = false;
-    if (const uint64_t size = download->getRequest()->getCompressedSize())
+    if (const uint64_t size = request->getCompressedSize())
         return size;
     estimated = estimate != 0;
     return estimate;
 }
 
-std::wstring filesLocation(Download* download)
+std::wstring filesLocation(DownloadRequest* request)
 {
-    DownloadRequest* request = download->getRequest();
     // The download worked in a folder of its own inside the chosen destination and moved its files up.
-    std::wstring folder = parentFolder(request->getDestDir() ? request->getDestDir() : L"");
+    std::wstring folder = parentFolder(text(request->getDestDir()));
     if (qv::isPackagePath(request->getUrlPath()))
         return folder;
-    const std::wstring path = request->getUrlPath() ? request->getUrlPath() : L"";
-    const size_t slash = path.find_last_of(L'/');
-    const std::wstring file = slash == std::wstring::npos ? path : path.substr(slash + 1);
+    const std::wstring path = text(request->getUrlPath());
+    const std::wstring file = path.substr(path.find_last_of(L'/') + 1);
     return file.empty() ? folder : folder + L"\\" + file;
 }
 
-ProgressSnapshot Transfers::snapshot(Tracked& item, bool sample)
+std::wstring blockPrefix(int32_t block, int32_t count)
+{
+    if (count < 2)
+        return {};
+    return L"block " + std::to_wstring(std::min(block, count - 1) + 1) + L" of " + std::to_wstring(count) + L": ";
+}
+
+std::wstring storedProgress(DownloadRequest* r)
+{
+    const uint64_t size = r->getCompressedSize();
+    if (r->getState() == qvdlm::state::Completed)
+        return size ? formatBytes(size) : formatBytes(r->getUncompressedSize()) + L" unpacked";
+    const uint64_t done = r->getTotalDownloadedSize() + r->getBlockDownloadedSize();
+    if (const int tenths = percentTenths(done, size); tenths >= 0)
+        return formatPercent(tenths) + L" (" + formatBytes(done) + L" of " + formatBytes(size) + L")";
+    return formatBytes(done);
+}
+
+ProgressSnapshot Transfers::snapshot(Tracked& item, uint64_t nowMs)
 {
     Download* d = item.download;
+    DownloadRequest* request = d->getRequest();
+    const uint32_t state = d->getState();
+    const uint64_t downloaded = d->getDownloadedSize(), extracted = d->getExtractedSize();
+    item.downloadSpeed.add(nowMs, downloaded);
+    item.unpackSpeed.add(nowMs, extracted);
+
     ProgressSnapshot s;
     s.label = item.label;
-    s.done = d->getDownloadedSize();
-    s.total = packageSize(d, item.estimatedSize, s.totalEstimated);
+    s.done = downloaded;
+    s.total = packageSize(request, item.estimatedSize, s.totalEstimated);
     // An estimate gives way to the truth once it is known.
-    if (s.totalEstimated && (s.done > s.total || d->getState() == qvdlm::state::Completed))
+    if (s.totalEstimated && (s.done > s.total || state == qvdlm::state::Completed)) {
         s.total = s.done;
-    if (item.outcome == Outcome::Running && d->getState() == qvdlm::state::Play) {
-        if (Stats* stats = d->getStats()) {
-            // Asking for the time left is what takes a speed sample.
-            if (sample)
-                s.etaSeconds = stats->getRemainingSeconds();
-            s.bitsPerSecond = stats->getDownloadSpeed();
-        }
+        s.totalEstimated = state != qvdlm::state::Completed;
     }
-    s.stateText = describe(d->getState(), d->getStatus());
+    // A package whose download is done while its files are still being extracted is unpacking.
+    const bool unpacking = state == qvdlm::state::Play && qv::isPackagePath(request->getUrlPath()) &&
+                           (request->isFinished() || (s.total && !s.totalEstimated && s.done >= s.total));
+    s.state = item.outcome == Outcome::Stopped ? L"stopped" : stateWord(state, d->getStatus(), unpacking);
+    if (unpacking) {
+        s.done = extracted;
+        s.total = request->getUncompressedSize();
+        s.totalEstimated = false;
+    }
+    if (item.outcome == Outcome::Running && state == qvdlm::state::Play)
+        s.bytesPerSecond = (unpacking ? item.unpackSpeed : item.downloadSpeed).bytesPerSecond();
     return s;
+}
+
+std::vector<ProgressSnapshot> Transfers::snapshots(std::vector<Tracked>& items, uint64_t nowMs)
+{
+    std::vector<ProgressSnapshot> out;
+    for (Tracked& item : items)
+        out.push_back(snapshot(item, nowMs));
+    return out;
 }
 
 void Transfers::update(Tracked& item, uint64_t nowMs)
@@ -73,6 +109,10 @@ void Transfers::update(Tracked& item, uint64_t nowMs)
     Download* d = item.download;
     const uint32_t state = d->getState();
     item.outcome = classify(state, d->isRunning());
+    if (state == qvdlm::state::Play || state == qvdlm::state::Paused) {
+        item.block = d->getRequest()->getBlockId();
+        item.blockUrl = text(d->getRequest()->getUrl(false));
+    }
     if (item.outcome != Outcome::Paused) {
         item.pausedSinceMs = 0;
     } else if (item.pausedSinceMs == 0) {
@@ -110,20 +150,21 @@ void Transfers::stopAll(std::vector<Tracked>& items)
         item.outcome = classify(item.download->getState(), item.download->isRunning());
 }
 
-void Transfers::report(const Tracked& item, uint64_t elapsedMs)
+void Transfers::report(Tracked& item, uint64_t elapsedMs)
 {
     Download* d = item.download;
-    const uint32_t state = d->getState(), status = d->getStatus();
+    DownloadRequest* request = d->getRequest();
+    const uint32_t status = d->getStatus();
     bool estimated = false;
     const uint64_t done = d->getDownloadedSize();
-    const uint64_t size = packageSize(d, item.estimatedSize, estimated);
+    const uint64_t size = packageSize(request, item.estimatedSize, estimated);
     switch (item.outcome) {
     case Outcome::Completed: {
         const uint64_t bytes = done > item.startBytes ? done - item.startBytes : 0;
-        const uint64_t rate = elapsedMs ? bytes * 8000 / elapsedMs : 0;
-        console_.line(item.label + L": " + describe(state, status) + L", " + formatBytes(done) + L"; " +
-                      formatBytes(bytes) + L" in " + seconds(elapsedMs) + L" (" + formatRate(rate) + L")");
-        console_.line(L"  files in " + filesLocation(d));
+        const uint64_t speed = elapsedMs ? bytes * 1000 / elapsedMs : 0;
+        console_.line(item.label + L": completed, " + formatBytes(done) + L"; " + formatBytes(bytes) + L" in " +
+                      seconds(elapsedMs) + L" (" + formatSpeed(speed) + L")");
+        console_.line(L"  files in " + filesLocation(request));
         break;
     }
     case Outcome::Stopped:
@@ -132,24 +173,22 @@ void Transfers::report(const Tracked& item, uint64_t elapsedMs)
     case Outcome::Running: {
         std::wstring where = formatBytes(done);
         if (const int tenths = percentTenths(done, size); tenths >= 0 && !estimated)
-            where = formatPercent(tenths) + L" (" + where + L")";
+            where = formatPercent(tenths) + L" (" + where + L" of " + formatBytes(size) + L")";
         std::wstring line = item.label + L": stopped at " + where;
-        if (status != qvdlm::status::None)
-            line += L", " + statusText(status);
+        if (item.gaveUp)
+            line += L", " + stateWord(qvdlm::state::Paused, status, false);
         console_.line(line + L"; \"qvdlm resume\" finishes it");
         break;
     }
     case Outcome::Failed: {
-        std::wstring line = item.label + L": " + describe(state, status);
-        // The status message the download reported last says more than a general status.
-        if (const uint32_t message = events_.lastMessage(d); message) {
-            const wchar_t* text = qvdlm::messageText(message);
-            if (text && *text && line.find(text) == std::wstring::npos)
-                line += std::wstring(L"; ") + text;
+        // The validation of the block it stopped at names the URL and the server's answer.
+        const std::wstring url = item.blockUrl.empty() ? text(request->getUrl(false)) : item.blockUrl;
+        item.failure = failureFromValidationLine(events_.lastLineAbout(url));
+        if (item.failure.exitCode == exitcode::Ok) {
+            item.failure = failureOfDownload(status, d->getStreamError(), events_.lastMessage(d), item.dest);
+            item.failure.text = url + L": " + item.failure.text;
         }
-        console_.line(line);
-        for (const std::wstring& l : events_.linesAbout(item.url))
-            console_.line(L"  " + l);
+        console_.error(item.label + L": failed: " + blockPrefix(item.block, request->getBlockCount()) + item.failure.text);
         break;
     }
     }
@@ -185,6 +224,8 @@ TransferSummary Transfers::run(std::vector<Tracked>& items)
         else if (settings_.timeoutSeconds && now - started >= settings_.timeoutSeconds * 1000ull)
             summary.end = TransferEnd::TimedOut;
         if (summary.end != TransferEnd::Finished) {
+            // The terminal echoed "^C" where the console does not know it: start a clean line first.
+            console_.restartLine();
             stopAll(items);
             break;
         }
@@ -199,23 +240,16 @@ TransferSummary Transfers::run(std::vector<Tracked>& items)
                         manager_.control(item.download, qvdlm::command::Start);
                 }
 
-        const bool sample = first || now - lastSample >= kSampleMs;
-        if (sample) {
+        if (first || now - lastSample >= kSampleMs) {
             lastSample = now;
-            std::vector<ProgressSnapshot> snapshots;
-            for (Tracked& item : items)
-                snapshots.push_back(snapshot(item, true));
-            display.show(snapshots, now);
+            display.show(snapshots(items, now), now);
         }
         first = false;
         Sleep(kTickMs);
     }
 
     summary.elapsedMs = GetTickCount64() - started;
-    std::vector<ProgressSnapshot> snapshots;
-    for (Tracked& item : items)
-        snapshots.push_back(snapshot(item, false));
-    display.finish(snapshots);
+    display.finish(snapshots(items, GetTickCount64()));
     if (summary.end == TransferEnd::Interrupted)
         console_.line(L"stopped; progress is kept");
     else if (summary.end == TransferEnd::TimedOut)
@@ -224,12 +258,21 @@ TransferSummary Transfers::run(std::vector<Tracked>& items)
         const uint64_t done = item.download->getDownloadedSize();
         summary.bytes += done > item.startBytes ? done - item.startBytes : 0;
         report(item, summary.elapsedMs);
-        if (item.outcome == Outcome::Completed)
+        if (item.outcome == Outcome::Completed) {
             ++summary.completed;
-        else if (item.outcome == Outcome::Failed)
+        } else if (item.outcome == Outcome::Failed) {
             ++summary.failed;
-        else
+            if (summary.firstFailure == exitcode::Ok)
+                summary.firstFailure = item.failure.exitCode;
+        } else if (item.gaveUp) {
+            // Paused by the library for good: resumable, but a failure of this run.
+            ++summary.failed;
+            if (summary.firstFailure == exitcode::Ok)
+                summary.firstFailure = item.download->getStatus() == qvdlm::status::OutOfDiskSpace ? exitcode::LocalFiles
+                                                                                                 : exitcode::Network;
+        } else {
             ++summary.stopped;
+        }
     }
     return summary;
 }
