@@ -101,6 +101,8 @@ private:
     DWORD runControlThread();
     bool openStages();
     bool waitForStagesReady(WorkerMap& workers);
+    bool startWorkers(WorkerMap& workers);
+    bool startAnew();
     void handleMessages(WorkerMap& workers);
     void handleCommand(UINT command, WorkerMap& workers);
     void stopProcedure(bool discard, const WorkerMap& workers);

@@ -167,7 +167,7 @@ bool DownloadMgrImp::restore()
             request->setState(state::Aborted);
         }
         // A download that ended will not run again: its checkpoints are of no more use. (One that
-        // failed its check above keeps them: it may still be started again.)
+        // failed its check above keeps them: it may still be started again, until it is removed.)
         const uint32_t now = request->getState();
         if (now == state::Completed || (now == state::Aborted && stored != state::Play)) {
             const std::wstring checkpointDir = textOf(request->getCheckpointDir());
@@ -291,6 +291,17 @@ bool DownloadMgrImp::removeDownload(Download* download)
     qv::CsLock hold(lock_);
     downloads_.remove(download);
     active_.erase(download);
+    // An ended download that leaves the manager never starts again: its checkpoints go with it, unless
+    // another download still works from the same folder.
+    const std::wstring checkpointDir = textOf(download->getRequest()->getCheckpointDir());
+    if (checkpointDir.empty() || !inState(download->getState(), {state::Completed, state::Aborted}) ||
+        download->isRunning())
+        return true;
+    for (Download* other : downloads_)
+        if (lowerCase(textOf(other->getRequest()->getCheckpointDir())) == lowerCase(checkpointDir))
+            return true;
+    if (qv::folderExists(checkpointDir))
+        qv::deleteTree(checkpointDir);
     return true;
 }
 
@@ -419,9 +430,9 @@ void DownloadMgrImp::notify(const EventRecord* record)
                 PostThreadMessageW(thread, command::Resume, 0, 0);
             return;
         case msg::RestoreFailed:
+            // The download starts the run again from the beginning by itself; what its checkpoints and
+            // working folder hold is never thrown away for a checkpoint that could not be read.
             d->setStatus(status::RestoreFailed);
-            if (s == state::Play)
-                control(d, command::AbortDiscard);
             return;
         default:
             return;
