@@ -1033,6 +1033,8 @@ void DownloadImp::finalCleanup()
         } else {
             changeState(state::Aborted);
         }
+    } else if (s == state::Exiting && status_ == status::OutOfDiskSpace) {
+        changeState(state::Paused); // a full disk stopped it: it goes on once there is room
     }
 
     const uint32_t after = state_;

@@ -165,7 +165,7 @@ int64_t TARStreamWriterImp::writeBytes(const uint8_t* data, uint32_t count)
         partialCount_ = static_cast<uint32_t>(count - used);
         std::memcpy(partialBlock_, data + used, partialCount_);
     }
-    return count;
+    return failed_ ? -1 : count; // an entry's file that could not be closed whole fails the write too
 }
 
 bool TARStreamWriterImp::processBlocks(const uint8_t* data, size_t blocks)
@@ -221,7 +221,7 @@ size_t TARStreamWriterImp::writeFileData(const uint8_t* data, size_t blocks)
     const int64_t remaining = entrySize_ - fileBytes_;
     const size_t toWrite = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(blocks * kBlockSize), remaining));
     if (std::fwrite(data, 1, toWrite, file_.get()) != toWrite) {
-        fail(tarerror::ShortWrite);
+        fail(qv::diskIsFull(filePath_, toWrite) ? qvdlm::status::OutOfDiskSpace : tarerror::ShortWrite);
         return 0;
     }
     fileBytes_ += static_cast<int64_t>(toWrite);
@@ -489,7 +489,9 @@ bool TARStreamWriterImp::beginRegularFile()
 
 void TARStreamWriterImp::finishEntry()
 {
-    file_.reset();
+    // What the runtime still holds reaches the disk here: a full disk must not cut the file short unseen.
+    if (file_ && std::fclose(file_.release()) != 0)
+        fail(qv::diskIsFull(filePath_, kBlockSize) ? qvdlm::status::OutOfDiskSpace : tarerror::ShortWrite);
     if (!filePath_.empty()) {
         if (modificationTime_ != 0) {
             qv::UniqueFile handle(CreateFileW(filePath_.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr,
@@ -611,9 +613,10 @@ uint64_t TARStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacit
                           fileRelative_.size() * sizeof(wchar_t) + unpackSize;
     if (!out || !capacity || *capacity < size)
         return size;
-    // What was written so far must be on disk before the record says so.
-    if (file_)
-        std::fflush(file_.get());
+    // What was written so far must be on disk before the record says so; when it cannot be, there is
+    // no record.
+    if (file_ && std::fflush(file_.get()) != 0)
+        return 0;
 
     uint32_t flags = 0;
     flags |= receivedAny_ ? kFlagReceivedAny : 0;

@@ -75,4 +75,30 @@ TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
     }
 }
 
+// A destination whose volume fills up (a 48 MiB tmpfs that the fixture mounts, most of it taken by a filler) pauses the
+// download for lack of space with its last checkpoint kept; with room again a new process finishes it identical.
+TEST(KillTest, AFullDiskPausesTheDownloadAndANewProcessFinishesItWithRoomAgain)
+{
+    const std::wstring volume = qvtest::workDir() + L"\\diskfull", filler = volume + L"\\filler", dest = volume + L"\\dest";
+    if (!qvtest::fileExists(volume + L"\\mounted"))
+        GTEST_SKIP() << "no small volume: its fixture mounts one only when run as root";
+    qvtest::ScratchDir scratch{L"control-diskfull"};
+    ASSERT_TRUE(qvtest::writeFile(filler, std::string(34 << 20, 'f')));
+    const std::wstring store = L"\"" + scratch / L"store\\download.info" + L"\" ";
+    std::string text;
+    drive(scratch, L"start " + store + e2e::serverUrl(L"multi_001_003.tar.lzma2") + L" \"" + dest + L"\" " + std::to_wstring(kLinkBuffer) + L" none 100", text);
+    EXPECT_NE(text.find("\nDONE 536870915 620756997"), std::string::npos) << text; // paused, out of disk space
+    EXPECT_NE(text.find("\nE2 1013"), std::string::npos);
+    int committed = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(scratch / L"store"))
+        committed += entry.path().filename().wstring().ends_with(L"_xTar.chk") && entry.path().filename().wstring()[0] != L'_';
+    EXPECT_EQ(committed, 1);
+    ASSERT_TRUE(DeleteFileW(filler.c_str()));
+    const DWORD code = drive(scratch, L"resume " + store + L"none 100", text);
+    EXPECT_TRUE(code == 0 && text.find("\nDONE 0 ") != std::string::npos) << text;
+    EXPECT_TRUE(e2e::sameTree(e2e::servedFolder() + L"\\pkgsrc", dest));
+    EXPECT_FALSE(e2e::hasEntry(dest, L"QV_"));
+    std::filesystem::remove_all(dest);
+}
+
 } // namespace
