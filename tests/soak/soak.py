@@ -161,7 +161,8 @@ def run(args, control, src, names, index, seed, mix, deadline):
                     control("/__mark?kind=" + target["kind"])
                     if target["kind"] == "diskfull":
                         free = os.statvfs(args.volume)
-                        open(filler, "wb").write(b"\0" * max(free.f_bavail * free.f_frsize - 64 * 1024, 0))
+                        with open(filler, "wb") as f, contextlib.suppress(OSError):  # the driver may fill it first
+                            f.write(b"\0" * max(free.f_bavail * free.f_frsize - 64 * 1024, 0))
                     else:
                         open(die, "w").close() if target["kind"] == "terminate" else driver.kill()
             last = driver.line()
@@ -169,6 +170,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
             restored = now if last and last.startswith("R ") else restored
         code = driver.finish()
         if killed and target["kind"] == "diskfull":  # room again a while after the download paused
+            log("  full disk: the process ended with %r" % last)
             time.sleep(FULL_FOR_S if last == PAUSED else 0)
             os.remove(filler)
             kills.pop(0)
