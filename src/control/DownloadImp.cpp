@@ -679,6 +679,7 @@ HANDLE DownloadImp::start()
     }
     finalised_ = false;
     stopFlag_ = false;
+    outOfSpace_ = false;
     gate_ = kGateUndecided;
     SetEvent(idleEvent_.get());
     updateRunGate();
@@ -865,6 +866,7 @@ DWORD DownloadImp::runControlThread()
                 if (isErrorCode(code)) {
                     status_ = code;
                     failed = true;
+                    outOfSpace_ = outOfSpace_ || code == status::OutOfDiskSpace;
                 } else if (code >= state::Pending && code <= state::Removed) {
                     haveFinalState = true; // a stage that ended by a stop or could not be prepared
                 } else {
@@ -1033,8 +1035,10 @@ void DownloadImp::finalCleanup()
         } else {
             changeState(state::Aborted);
         }
-    } else if (s == state::Exiting && status_ == status::OutOfDiskSpace) {
-        changeState(state::Paused); // a full disk stopped it: it goes on once there is room
+    } else if (s == state::Exiting && outOfSpace_) {
+        // A full disk stopped it (whatever status a later message left): it goes on once there is room.
+        status_ = status::OutOfDiskSpace;
+        changeState(state::Paused);
     }
 
     const uint32_t after = state_;

@@ -140,6 +140,7 @@ private:
     qv::UniqueHandle runGate_;    // manual reset; non-signalled while the workers are to wait
     qv::UniqueHandle queueReady_; // the control thread can take messages
     std::atomic<bool> stopFlag_{false};
+    bool outOfSpace_ = false; // the sink stopped the run: its volume was full
     std::atomic<uint32_t> gate_{0};
     std::atomic<bool> holdFlag_{false};
     std::atomic<bool> interrupted_{false}; // the source is to retry at once
