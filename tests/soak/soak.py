@@ -158,7 +158,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
                 killed = (restored is not None and now - restored >= target["delay"] if target["kind"] == "early"
                           else high >= target["at"] and (high > high0 or now - started >= 1.5 and high0 >= total))
                 if killed:  # a terminate leaves the file at which the driver ends itself; a full disk, a filler
-                    control("/__mark?kind=" + target["kind"])
+                    _ = target["kind"] != "diskfull" and control("/__mark?kind=" + target["kind"])
                     if target["kind"] == "diskfull":
                         free = os.statvfs(args.volume)
                         with open(filler, "wb") as f, contextlib.suppress(OSError):  # the driver may fill it first
@@ -171,6 +171,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
         code = driver.finish()
         if killed and target["kind"] == "diskfull":  # room again a while after the download paused
             log("  full disk: the process ended with %r" % last)
+            _ = last == PAUSED and control("/__mark?kind=diskfull")  # the connection it had is gone only now
             time.sleep(FULL_FOR_S if last == PAUSED else 0)
             os.remove(filler)
             kills.pop(0)
