@@ -82,6 +82,7 @@ def schedule(seed, mix, total, names):
     rnd = random.Random(seed)
     kinds = [k for key, k in zip("kfrspd", ("kill", "fin", "rst", "stall", "p407", "diskfull")) for _ in range(counts.get(key, 0))]
     rnd.shuffle(kinds)
+    kinds.sort(key=lambda k: k == "diskfull")  # last: its process fetches on past the point until the disk is full
     points, gap = [], total // (3 * (len(kinds) + 1))
     for _ in range(10000):
         p = rnd.randrange(total // 25, total - total // 12)
