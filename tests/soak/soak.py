@@ -82,7 +82,6 @@ def schedule(seed, mix, total, names):
     rnd = random.Random(seed)
     kinds = [k for key, k in zip("kfrspd", ("kill", "fin", "rst", "stall", "p407", "diskfull")) for _ in range(counts.get(key, 0))]
     rnd.shuffle(kinds)
-    kinds.sort(key=lambda k: k == "diskfull")  # last: its process fetches on past the point until the disk is full
     points, gap = [], total // (3 * (len(kinds) + 1))
     for _ in range(10000):
         p = rnd.randrange(total // 25, total - total // 12)
@@ -140,6 +139,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
     control("/__reset?rate=%d&blocks=%s%s" % (RATE, ",".join(names), "&proxy=1" if proxied else ""))
     [control(arm) for arm in ["/__arm?kind=%s&at=%d" % (e["kind"], e["at"]) for e in events if e not in kills]
      + ["/__arm?kind=http500&name=%s&count=%d" % answer for answer in answers]]
+    overtaken = []  # what the process met by a kill or a full disk fetched on to: faults armed there cannot fire
     for number in range(len(kills) + 4):
         _ = os.path.exists(die) and os.remove(die)
         cmd = (["start", store, "http://localhost:%d/file/%s" % (args.port, names[0]), win(dest), str(SAVE_INTERVAL)]
@@ -170,6 +170,7 @@ def run(args, control, src, names, index, seed, mix, deadline):
             seen = now if last else seen
             restored = now if last and last.startswith("R ") else restored
         code = driver.finish()
+        _ = killed and overtaken.append((target["at"], json.loads(control("/__report"))["high"]))
         if killed and target["kind"] == "diskfull":  # room again a while after the download paused
             log("  full disk: the process ended with %r" % last)
             _ = last == PAUSED and control("/__mark?kind=diskfull")  # the connection it had is gone only now
@@ -189,8 +190,10 @@ def run(args, control, src, names, index, seed, mix, deadline):
     if problems := differences(src, dest):
         raise Failure("the tree differs from its source: %s (kept in %s)" % (problems[:10], folder))
     report = json.loads(control("/__report"))
-    if report["unfired"] or (proxied and report["proxy"]["answered"] < 1 + int(re.search(r"p(\d+)", mix).group(1))):
-        raise Failure("faults not met: %s, proxy %s" % (report["unfired"], report["proxy"]))
+    unfired = [u for u in report["unfired"] if not (isinstance(u, list) and any(a <= u[1] <= b for a, b in overtaken))]
+    _ = unfired != report["unfired"] and log("  overtaken, not fired: %s" % [u for u in report["unfired"] if u not in unfired])
+    if unfired or (proxied and report["proxy"]["answered"] < 1 + int(re.search(r"p(\d+)", mix).group(1))):
+        raise Failure("faults not met: %s, proxy %s" % (unfired, report["proxy"]))
     log("  completed with %d processes, tree identical; %d bytes served for %d in %d requests; proxy 407s %s"
         % (number + 1, report["high"] + sum(f["refetched"] for f in report["faults"]), total, report["requests"], report["proxy"]))
     for f in report["faults"]:
