@@ -32,6 +32,7 @@ constexpr uint64_t kSpaceMargin = 0x6400000; // 100 MiB kept free beyond what a 
 constexpr wchar_t kPreferences[] = L"Preferences";
 constexpr wchar_t kDefaultDestDirKey[] = L"DefaultDestDir";
 constexpr DWORD kPathBuffer = 261;
+constexpr DWORD kEndingRunWaitMs = 1000;
 
 std::wstring textOf(const wchar_t* text) { return text ? text : L""; }
 
@@ -98,6 +99,10 @@ DownloadMgrImp::~DownloadMgrImp()
     for (Download* d : downloads_) {
         auto* job = dynamic_cast<DownloadImp*>(d);
         const bool alive = job ? job->controlThreadAlive() : d->isRunning();
+        // A run that is ending by itself (a full disk leaves it paused on the way out) is let end.
+        if (alive && job && !inState(d->getState(), {state::Pending, state::Init, state::Play}) &&
+            job->waitForControlThread(kEndingRunWaitMs))
+            continue;
         if (alive && d->abort(true))
             running.push_back(d);
     }
