@@ -736,6 +736,7 @@ HANDLE DownloadImp::start()
     stopPending_ = false;
     settleAnswered_ = settleGeneration_.load();
     SetEvent(settledEvent_.get());
+    outOfSpace_ = false;
     gate_ = kGateUndecided;
     SetEvent(idleEvent_.get());
     updateRunGate();
@@ -816,6 +817,58 @@ bool DownloadImp::waitForStagesReady(WorkerMap& workers)
     }
 }
 
+bool DownloadImp::startWorkers(WorkerMap& workers)
+{
+    for (Target* target : stages_) {
+        DWORD id = 0;
+        HANDLE worker = CreateThread(nullptr, 0, &DownloadImp::stageThreadEntry, target, 0, &id);
+        if (!worker) {
+            gate_ = kGateCancelled;
+            stopFlag_ = true;
+            updateRunGate();
+            for (const auto& started : workers) {
+                WaitForSingleObject(started.first, kQueueReadyWaitMs);
+                CloseHandle(started.first);
+            }
+            return false;
+        }
+        workers.emplace(worker, id);
+    }
+    return true;
+}
+
+bool DownloadImp::startAnew()
+{
+    // Nothing on the disk is deleted: the working folder is written over from the start, and the files
+    // of the checkpoint that could not be restored stay until a new checkpoint replaces them.
+    wchar_t text[160];
+    swprintf(text, std::size(text), L"Checkpoint %08u could not be restored: the download starts again from the beginning",
+             static_cast<unsigned>(request_->getCheckpointId()));
+    publishText(this, text, event::Information);
+    {
+        qv::CsLock hold(checkpointLock_);
+        request_->setCheckpointId(0);
+        request_->setBlockId(0);
+        request_->setBlockDownloadedSize(0);
+        request_->setTotalDownloadedSize(0);
+        request_->setExtractedSize(0);
+        if (DownloadRequestLog* log = store())
+            log->saveProgress(request_, state_, 0);
+        checkpointId_ = 0;
+        checkpointBlock_ = 0;
+        partsWritten_ = 0;
+        partFailed_ = false;
+        lastCheckpointAt_ = 0;
+    }
+    if (env_.validate)
+        if (const unsigned long result = env_.validate(request_))
+            applyValidationResult(static_cast<unsigned>(result));
+    status_ = status::None; // the stages' reports of the failed restore are answered
+    destroyTargets();
+    gate_ = kGateUndecided;
+    return buildPipeline() && openStages();
+}
+
 DWORD DownloadImp::runControlThread()
 {
     MSG message;
@@ -828,23 +881,25 @@ DWORD DownloadImp::runControlThread()
         return kStagesNotOpened;
 
     WorkerMap workers;
-    for (Target* target : stages_) {
-        DWORD id = 0;
-        HANDLE worker = CreateThread(nullptr, 0, &DownloadImp::stageThreadEntry, target, 0, &id);
-        if (!worker) {
-            gate_ = kGateCancelled;
-            stopFlag_ = true;
-            updateRunGate();
-            for (const auto& started : workers) {
-                WaitForSingleObject(started.first, kQueueReadyWaitMs);
-                CloseHandle(started.first);
-            }
+    bool ready = false;
+    for (bool anew = false;; anew = true) {
+        if (!startWorkers(workers))
             return kControlThreadFailed;
+        ready = waitForStagesReady(workers);
+        // A stage that could not restore its part of the checkpoint: the run starts again from the
+        // beginning (the decoder's and the unpacker's state depend on every byte before it), once.
+        if (ready || stopFlag_ || anew || stagesReady() != 2)
+            break;
+        gate_ = kGateCancelled;
+        for (const auto& worker : workers) {
+            WaitForSingleObject(worker.first, INFINITE);
+            CloseHandle(worker.first);
         }
-        workers.emplace(worker, id);
+        workers.clear();
+        if (!startAnew())
+            return kStagesNotOpened;
     }
-
-    if (waitForStagesReady(workers)) {
+    if (ready) {
         env_.stages->connectSource(currentSource());
         gate_ = kGateGo;
     } else if (!stopFlag_) {
@@ -869,6 +924,7 @@ DWORD DownloadImp::runControlThread()
                 if (isErrorCode(code)) {
                     status_ = code;
                     failed = true;
+                    outOfSpace_ = outOfSpace_ || code == status::OutOfDiskSpace;
                 } else if (code >= state::Pending && code <= state::Removed) {
                     haveFinalState = true; // a stage that ended by a stop or could not be prepared
                 } else {
@@ -1081,6 +1137,10 @@ void DownloadImp::finalCleanup()
         } else {
             changeState(state::Aborted);
         }
+    } else if (s == state::Exiting && outOfSpace_) {
+        // A full disk stopped it (whatever status a later message left): it goes on once there is room.
+        status_ = status::OutOfDiskSpace;
+        changeState(state::Paused);
     }
 
     const uint32_t after = state_;

@@ -104,6 +104,8 @@ private:
     DWORD runControlThread();
     bool openStages();
     bool waitForStagesReady(WorkerMap& workers);
+    bool startWorkers(WorkerMap& workers);
+    bool startAnew();
     void handleMessages(WorkerMap& workers);
     void handleCommand(UINT command, WorkerMap& workers);
     void stopProcedure(bool discard, const WorkerMap& workers);
@@ -144,6 +146,7 @@ private:
     qv::UniqueHandle runGate_;    // manual reset; non-signalled while the workers are to wait
     qv::UniqueHandle queueReady_; // the control thread can take messages
     std::atomic<bool> stopFlag_{false};
+    bool outOfSpace_ = false; // the sink stopped the run: its volume was full
     std::atomic<uint32_t> gate_{0};
     std::atomic<bool> holdFlag_{false};
     std::atomic<bool> interrupted_{false}; // the source is to retry at once

@@ -32,6 +32,7 @@ constexpr uint64_t kSpaceMargin = 0x6400000; // 100 MiB kept free beyond what a 
 constexpr wchar_t kPreferences[] = L"Preferences";
 constexpr wchar_t kDefaultDestDirKey[] = L"DefaultDestDir";
 constexpr DWORD kPathBuffer = 261;
+constexpr DWORD kEndingRunWaitMs = 1000;
 
 std::wstring textOf(const wchar_t* text) { return text ? text : L""; }
 
@@ -98,6 +99,10 @@ DownloadMgrImp::~DownloadMgrImp()
     for (Download* d : downloads_) {
         auto* job = dynamic_cast<DownloadImp*>(d);
         const bool alive = job ? job->controlThreadAlive() : d->isRunning();
+        // A run that is ending by itself (a full disk leaves it paused on the way out) is let end.
+        if (alive && job && !inState(d->getState(), {state::Pending, state::Init, state::Play}) &&
+            job->waitForControlThread(kEndingRunWaitMs))
+            continue;
         if (alive && d->abort(true))
             running.push_back(d);
     }
@@ -167,7 +172,7 @@ bool DownloadMgrImp::restore()
             request->setState(state::Aborted);
         }
         // A download that ended will not run again: its checkpoints are of no more use. (One that
-        // failed its check above keeps them: it may still be started again.)
+        // failed its check above keeps them: it may still be started again, until it is removed.)
         const uint32_t now = request->getState();
         if (now == state::Completed || (now == state::Aborted && stored != state::Play)) {
             const std::wstring checkpointDir = textOf(request->getCheckpointDir());
@@ -291,6 +296,17 @@ bool DownloadMgrImp::removeDownload(Download* download)
     qv::CsLock hold(lock_);
     downloads_.remove(download);
     active_.erase(download);
+    // An ended download that leaves the manager never starts again: its checkpoints go with it, unless
+    // another download still works from the same folder.
+    const std::wstring checkpointDir = textOf(download->getRequest()->getCheckpointDir());
+    if (checkpointDir.empty() || !inState(download->getState(), {state::Completed, state::Aborted}) ||
+        download->isRunning())
+        return true;
+    for (Download* other : downloads_)
+        if (lowerCase(textOf(other->getRequest()->getCheckpointDir())) == lowerCase(checkpointDir))
+            return true;
+    if (qv::folderExists(checkpointDir))
+        qv::deleteTree(checkpointDir);
     return true;
 }
 
@@ -419,9 +435,9 @@ void DownloadMgrImp::notify(const EventRecord* record)
                 PostThreadMessageW(thread, command::Resume, 0, 0);
             return;
         case msg::RestoreFailed:
+            // The download starts the run again from the beginning by itself; what its checkpoints and
+            // working folder hold is never thrown away for a checkpoint that could not be read.
             d->setStatus(status::RestoreFailed);
-            if (s == state::Play)
-                control(d, command::AbortDiscard);
             return;
         default:
             return;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <cwchar>
 
+#include "QvDLMCodes.h"
 #include "stream/PathUtil.h"
 
 namespace {
@@ -115,7 +116,7 @@ uint64_t GenericFileStreamWriterImp::saveState(StreamStateHeader* out, uint64_t*
         return size;
     // The recorded length must be on disk before a checkpoint may count on it.
     if (file_ && std::fflush(file_.get()) != 0)
-        lastStatus_ = lastSystemError(ERROR_WRITE_FAULT);
+        return 0;
     FileSinkState state{};
     state.size = static_cast<uint32_t>(size);
     state.offset = offset_;
@@ -132,6 +133,15 @@ int64_t GenericFileStreamWriterImp::writeBytes(const uint8_t* data, uint32_t cou
     const size_t written = std::fwrite(data, 1, static_cast<size_t>(items), file_.get());
     offset_ += static_cast<int64_t>(written);
     if (written < static_cast<size_t>(items))
-        lastStatus_ = lastSystemError(errno == ENOSPC ? ERROR_DISK_FULL : ERROR_WRITE_FAULT);
+        lastStatus_ = qv::diskIsFull(path_ ? path_.get() : L"", count) ? qvdlm::status::OutOfDiskSpace : lastSystemError(ERROR_WRITE_FAULT);
     return static_cast<int64_t>(written);
+}
+
+bool GenericFileStreamWriterImp::endOfInput()
+{
+    if (file_ && std::fflush(file_.get()) != 0) {
+        lastStatus_ = qv::diskIsFull(path_ ? path_.get() : L"", 512) ? qvdlm::status::OutOfDiskSpace : lastSystemError(ERROR_WRITE_FAULT);
+        return false;
+    }
+    return true;
 }

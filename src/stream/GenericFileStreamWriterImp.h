@@ -27,6 +27,7 @@ public:
     uint64_t saveState(StreamStateHeader* out, uint64_t* capacity) override;
     // Returns the bytes written; a short write returns less, with the reason in lastStatus.
     int64_t writeBytes(const uint8_t* data, uint32_t count) override;
+    bool endOfInput() override;
 
     int64_t offset() const { return offset_; }
     bool isOpen() const { return file_ != nullptr; }

@@ -1,6 +1,8 @@
 #include "stream/PathUtil.h"
 
 #include <windows.h>
+
+#include <cerrno>
 #include <shlwapi.h>
 #include <versionhelpers.h>
 
@@ -402,6 +404,18 @@ bool utf8ToWide(const char* text, size_t length, wchar_t* out, size_t capacity)
 bool utf8ToWide(const char* text, wchar_t* out, size_t capacity)
 {
     return utf8ToWide(text, text ? std::strlen(text) : 0, out, capacity);
+}
+
+bool diskIsFull(const std::wstring& file, uint64_t needed)
+{
+    const DWORD error = GetLastError();
+    if (errno == ENOSPC || error == ERROR_DISK_FULL || error == ERROR_HANDLE_DISK_FULL)
+        return true;
+    const size_t cut = file.find_last_of(L"\\/");
+    ULARGE_INTEGER available{};
+    return cut != std::wstring::npos &&
+           GetDiskFreeSpaceExW((file.substr(0, cut) + L"\\").c_str(), &available, nullptr, nullptr) &&
+           available.QuadPart < needed;
 }
 
 } // namespace qv

@@ -105,4 +105,9 @@ bool utf8ToWide(const char* text, size_t length, wchar_t* out, size_t capacity);
 // The same for zero-terminated text.
 bool utf8ToWide(const char* text, wchar_t* out, size_t capacity);
 
+// Asked after a write to file failed: true when the reason is a full volume, by the runtime's or the
+// system's error or because the volume holds less free space than the write needed (the runtimes do not
+// all report a short write on a full volume as such).
+bool diskIsFull(const std::wstring& file, uint64_t needed);
+
 } // namespace qv

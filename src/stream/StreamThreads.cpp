@@ -65,6 +65,17 @@ StreamThreadData* threadDataOf(void* parameter)
 
 // Checkpoint sequence numbers continue after the checkpoint this run was restored from, so that a
 // new checkpoint never reuses the identifier of the one it replaces.
+// A sink whose volume is full stops the run with its progress kept: the download is paused with the
+// low-disk message and goes on from its last checkpoint once there is room again.
+bool stopForFullDisk(Stream* sink, PipelineJob& job, Download* download)
+{
+    if (sink->lastStatus() != qvdlm::status::OutOfDiskSpace)
+        return false;
+    publishMessage(download, event::StatusMessage, msg::OutOfDiskSpace);
+    PostThreadMessageW(job.controlThreadId(), qvdlm::command::StopKeep, 0, 0);
+    return true;
+}
+
 uint32_t sequenceBase(DownloadRequest* request) { return request ? request->getCheckpointId() : 0; }
 
 // The source thread.
@@ -533,7 +544,8 @@ uint32_t __stdcall writerStreamThread(void* parameter)
                 if (!sink->endOfInput()) {
                     if (sink->lastStatus() == 0)
                         sink->setLastStatus(qvdlm::status::GeneralError);
-                    publishMessage(download, event::Error, msg::UnpackageFailed);
+                    if (!stopForFullDisk(sink, job, download))
+                        publishMessage(download, event::Error, msg::UnpackageFailed);
                     break;
                 }
                 publishMessage(download, event::Information, msg::UnpackageCompleted);
@@ -556,7 +568,8 @@ uint32_t __stdcall writerStreamThread(void* parameter)
         if (written < 0 || written < static_cast<int64_t>(slot.count)) {
             if (sink->lastStatus() == 0)
                 sink->setLastStatus(qvdlm::status::GeneralError);
-            publishMessage(download, event::Error, msg::UnpackageFailed);
+            if (!stopForFullDisk(sink, job, download))
+                publishMessage(download, event::Error, msg::UnpackageFailed);
             break;
         }
         in.release();

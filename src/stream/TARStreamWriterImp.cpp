@@ -177,7 +177,7 @@ int64_t TARStreamWriterImp::writeBytes(const uint8_t* data, uint32_t count)
         partialCount_ = static_cast<uint32_t>(count - used);
         std::memcpy(partialBlock_, data + used, partialCount_);
     }
-    return count;
+    return failed_ ? -1 : count; // an entry's file that could not be closed whole fails the write too
 }
 
 bool TARStreamWriterImp::processBlocks(const uint8_t* data, size_t blocks)
@@ -254,7 +254,7 @@ size_t TARStreamWriterImp::writeFileData(const uint8_t* data, size_t blocks)
     const int64_t remaining = entrySize_ - fileBytes_;
     const size_t toWrite = static_cast<size_t>(std::min<int64_t>(static_cast<int64_t>(blocks * kBlockSize), remaining));
     if (std::fwrite(data, 1, toWrite, file_.get()) != toWrite) {
-        fail(tarerror::ShortWrite);
+        fail(qv::diskIsFull(filePath_, toWrite) ? qvdlm::status::OutOfDiskSpace : tarerror::ShortWrite);
         return 0;
     }
     fileBytes_ += static_cast<int64_t>(toWrite);
@@ -704,6 +704,9 @@ int64_t TARStreamWriterImp::sparsePosition() const
 void TARStreamWriterImp::finishEntry()
 {
     if (file_) {
+        // What the runtime still holds goes to the system now: a full disk must not cut the file short unseen.
+        if (std::fflush(file_.get()) != 0)
+            fail(qv::diskIsFull(filePath_, kBlockSize) ? qvdlm::status::OutOfDiskSpace : tarerror::ShortWrite);
         // The times go on the handle still open; the file reaches the disk by the next checkpoint.
         const uint64_t ticks =
             modificationTime_ != 0 ? static_cast<uint64_t>(modificationTime_ + kEpochDifference) * 10000000u : 0;
@@ -822,7 +825,8 @@ uint64_t TARStreamWriterImp::saveState(StreamStateHeader* out, uint64_t* capacit
                           mapText_.size() + sparse_.size() * sizeof(SparseRegion) + unpackSize;
     if (!out || !capacity || *capacity < size)
         return size;
-    // Every file written so far must be on the disk before the record says so.
+    // Every file written so far must be on the disk before the record says so; when it cannot be, there
+    // is no record.
     if (!pending_.flushAll(file_.get()))
         return 0;
 

@@ -3,6 +3,8 @@
 // One stopped with its progress kept goes on in a new process from where it stopped, whatever the interval.
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "E2eSupport.h"
 
 namespace {
@@ -43,10 +45,12 @@ uint64_t value(const std::string& text, const std::string& prefix)
 
 TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
 {
-    const struct { const wchar_t* file; uint64_t interval, lag; std::vector<uint64_t> kills; } rows[] = { // lag: the buffers on the way
+    const struct { const wchar_t* file; uint64_t interval, lag; std::vector<uint64_t> kills; const wchar_t* damaged = nullptr; } rows[] = { // lag: the buffers on the way
                 {L"mid.bin", kLinkBuffer, 3 * kLinkBuffer, {14 << 20, 22 << 20}},
                 // killed in the third block, after the first checkpoints; two links lie before the unpacker
-                {L"multi_001_003.tar.lzma2", kLinkBuffer, 5 * kLinkBuffer, {16 << 20}}};
+                {L"multi_001_003.tar.lzma2", kLinkBuffer, 5 * kLinkBuffer, {16 << 20}},
+                // the same, its decoder's part of the checkpoint then cut short: the run starts again, nothing is discarded
+                {L"multi_001_003.tar.lzma2", kLinkBuffer, 5 * kLinkBuffer, {16 << 20}, L"_Lzma.chk"}};
     for (const auto& row : rows) {
         SCOPED_TRACE(qvtest::narrow(row.file));
         qvtest::ScratchDir scratch{L"control-kill"};
@@ -57,15 +61,46 @@ TEST(KillTest, AKilledDownloadResumesInANewProcessAndEndsIdentical)
         for (size_t kill = 1; kill <= row.kills.size(); ++kill) {
             ASSERT_EQ(code, 9u) << text;
             const uint64_t killedAt = value(text, "KILL ");
+            int damaged = 0;
+            for (const auto& entry : std::filesystem::recursive_directory_iterator(scratch / L"store"))
+                if (row.damaged && entry.path().filename().wstring().ends_with(row.damaged) && entry.path().filename().wstring()[0] != L'_')
+                    std::filesystem::resize_file(entry.path(), 8), ++damaged;
+            ASSERT_EQ(damaged, row.damaged ? 1 : 0);
             code = drive(scratch, L"resume " + store + (kill < row.kills.size() ? L"@" + std::to_wstring(row.kills[kill]) : L"none") + L" 100", text);
-            EXPECT_GT(value(text, "R "), 0u);
-            EXPECT_LE(killedAt, value(text, "R ") + row.interval + row.lag);
+            EXPECT_EQ(text.find("E3 Checkpoint") != std::string::npos, damaged > 0) << text;
+            EXPECT_TRUE(damaged || (value(text, "R ") > 0 && killedAt <= value(text, "R ") + row.interval + row.lag)) << text;
         }
         EXPECT_TRUE(code == 0 && text.find("\nDONE 0 ") != std::string::npos) << text;
         EXPECT_TRUE(row.file == std::wstring(L"mid.bin") ? e2e::sameFile(e2e::servedFolder() + L"\\mid.bin", dest + L"\\mid.bin")
                                                         : bool(e2e::sameTree(e2e::servedFolder() + L"\\pkgsrc", dest)));
         EXPECT_FALSE(e2e::hasEntry(dest, L"QV_"));
     }
+}
+
+// A destination whose volume fills up (a 48 MiB tmpfs that the fixture mounts, most of it taken by a filler) pauses the
+// download for lack of space with its last checkpoint kept; with room again a new process finishes it identical.
+TEST(KillTest, AFullDiskPausesTheDownloadAndANewProcessFinishesItWithRoomAgain)
+{
+    const std::wstring volume = qvtest::workDir() + L"\\diskfull", filler = volume + L"\\filler", dest = volume + L"\\dest";
+    if (!qvtest::fileExists(volume + L"\\mounted"))
+        GTEST_SKIP() << "no small volume: its fixture mounts one only when run as root";
+    qvtest::ScratchDir scratch{L"control-diskfull"};
+    ASSERT_TRUE(qvtest::writeFile(filler, std::string(34 << 20, 'f')));
+    const std::wstring store = L"\"" + scratch / L"store\\download.info" + L"\" ";
+    std::string text;
+    drive(scratch, L"start " + store + e2e::serverUrl(L"multi_001_003.tar.lzma2") + L" \"" + dest + L"\" " + std::to_wstring(kLinkBuffer) + L" none 100", text);
+    EXPECT_NE(text.find("\nDONE 536870915 620756997"), std::string::npos) << text; // paused, out of disk space
+    EXPECT_NE(text.find("\nE2 1013"), std::string::npos);
+    int committed = 0;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(scratch / L"store"))
+        committed += entry.path().filename().wstring().ends_with(L"_xTar.chk") && entry.path().filename().wstring()[0] != L'_';
+    EXPECT_EQ(committed, 1);
+    ASSERT_TRUE(DeleteFileW(filler.c_str()));
+    const DWORD code = drive(scratch, L"resume " + store + L"none 100", text);
+    EXPECT_TRUE(code == 0 && text.find("\nDONE 0 ") != std::string::npos) << text;
+    EXPECT_TRUE(e2e::sameTree(e2e::servedFolder() + L"\\pkgsrc", dest));
+    EXPECT_FALSE(e2e::hasEntry(dest, L"QV_"));
+    std::filesystem::remove_all(dest);
 }
 
 } // namespace

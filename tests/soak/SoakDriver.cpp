@@ -7,9 +7,9 @@
 // "start" hands proxy credentials to the proxy lookup first, which keeps them in the credential store for
 // later processes' answers to a 407; "forget" removes them. Lines: "R <bytes>" after a restore, "P <bytes>
 // <state>" when something moved (at least twice a second), "KILL <bytes>" before TerminateProcess, "STOP <bytes>"
-// and "MS <milliseconds the stop took>" after a stop (exit code 8), and at the end "DONE <state> <status>" (exit
-// code 0 when completed), "DONE timeout", "DONE none" (no download) or "DONE proxy <status>" (the lookup refused
-// the credentials).
+// and "MS <milliseconds the stop took>" after a stop (exit code 8), and at the end "DONE <state> <status>" (all
+// completed, aborted or paused for disk space; exit code 0 when completed), "DONE timeout", "DONE none" (no
+// download) or "DONE proxy <status>" (the lookup refused the credentials).
 #include <windows.h>
 
 #include <cstdio>
@@ -48,7 +48,8 @@ int follow(DownloadMgr* manager, const wchar_t* die, DWORD limitMs)
                 std::printf("P %llu %u\n", static_cast<unsigned long long>(held), s);
                 lastHeld = held, lastState = s, lastLine = GetTickCount64();
             }
-            ended = ended && (s == qvdlm::state::Completed || s == qvdlm::state::Aborted);
+            ended = ended && (s == qvdlm::state::Completed || s == qvdlm::state::Aborted ||
+                              (s == qvdlm::state::Paused && d->getStatus() == qvdlm::status::OutOfDiskSpace));
         }
         std::fflush(stdout);
         if (!last)
