@@ -2,6 +2,7 @@
 // reach: workers' failures, the manager's reactions to messages, its queue, restore by state, version and space checks.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 
@@ -125,6 +126,27 @@ TEST_F(Control, TheFourthWaitsForACompletionNotAPauseAndDestroyingDiscardsTheRun
     ASSERT_TRUE(reaches(d[1], state::Completed) && reaches(d[3], state::Play));
     const std::wstring working = d[3]->getRequest()->getDestDir();
     EXPECT_FALSE((manager.reset(), qvtest::fileExists(working)));
+}
+
+TEST_F(Control, ADownloadCompletingWhileTheManagerIsDestroyedStartsNoOther)
+{
+    static std::atomic<bool> completing{false}, destroying{false};
+    static Download* done = nullptr;
+    events.onEvent = [](const EventRecorder::Entry& e) { // the completion is held until the destruction began
+        if (e.source == done && e.kind == event::StateChange && e.value == state::Completing)
+            completing = true, waitUntil([] { return destroying.load(); }), Sleep(100);
+    };
+    manager->setMaxActive(1);
+    done = manager->addDownload(request(L"done.bin"));
+    Download* queued = manager->addDownload(request(L"queued.bin"));
+    ASSERT_TRUE(manager->startDownload(done) && !manager->startDownload(queued) && running(done));
+    for (Stream* stage : {dynamic_cast<DownloadImp*>(done)->currentSource(), dynamic_cast<DownloadImp*>(done)->currentSink()})
+        static_cast<FakeStage*>(stage)->plan.steps = 0;
+    ASSERT_TRUE(waitUntil([] { return completing.load(); }));
+    events.clear();
+    destroying = true;
+    manager.reset();
+    EXPECT_TRUE(events.values(queued, event::StateChange).empty()); // never started, nor aborted
 }
 
 TEST_F(Control, RestoreRemakesStoredDownloadsByTheirStatesAndStartsThoseToGoOn)
