@@ -26,6 +26,9 @@ constexpr int kMaxSkipReads = 16;
 // reads sees a stop, pause or abort between two reads, and progress moves with each of them.
 constexpr uint32_t kMaxPiece = 0x40000;
 constexpr ULONGLONG kPieceMs = 100;
+// A whole piece that came within this long marks a fast link (above about 12 MB/s), where the next piece
+// is read in one call; one that takes longer goes back to asking what has arrived.
+constexpr ULONGLONG kFastPieceMs = 20;
 
 HINTERNET handleOf(const qv::UniqueInternet& handle) { return static_cast<HINTERNET>(handle.get()); }
 
@@ -141,6 +144,7 @@ void HTTPStreamImp::closeHandles()
     bodyExpected_ = -1;
     bodyReceived_ = 0;
     deferredError_ = 0;
+    fastLink_ = false;
 }
 
 void HTTPStreamImp::close()
@@ -411,12 +415,22 @@ uint32_t HTTPStreamImp::readBytes(uint8_t* buffer, uint32_t capacity)
         deferredError_ = 0;
         return kReadFailed;
     }
-    // A synchronous read waits until its whole size has come: ask what has arrived and take only that,
-    // waiting only while nothing has.
     const uint32_t want = std::min(capacity, kMaxPiece);
     const ULONGLONG begun = GetTickCount64();
     uint32_t read = 0;
-    while (read < want) {
+    if (fastLink_) {
+        // While pieces come quickly a whole piece is there at once: one plain read takes it, where asking
+        // first would cost two calls per few KiB.
+        DWORD taken = 0;
+        if (!InternetReadFile(handleOf(request_), buffer, want, &taken)) {
+            failWithLastError();
+            return kReadFailed;
+        }
+        read = taken;
+    }
+    // A synchronous read waits until its whole size has come: on a slow link ask what has arrived and
+    // take only that, waiting only while nothing has.
+    while (!fastLink_ && read < want) {
         DWORD available = 0;
         DWORD taken = 0;
         if (!InternetQueryDataAvailable(handleOf(request_), &available, 0, 0) ||
@@ -432,6 +446,7 @@ uint32_t HTTPStreamImp::readBytes(uint8_t* buffer, uint32_t capacity)
         if (taken == 0 || GetTickCount64() - begun >= kPieceMs)
             break;
     }
+    fastLink_ = read == want && GetTickCount64() - begun < kFastPieceMs;
     // A connection closed before the announced length looks like a clean end to some stacks: only
     // the Content-Length tells a truncated body from a complete one.
     if (read == 0 && bodyExpected_ >= 0 && bodyReceived_ < bodyExpected_) {

@@ -129,6 +129,7 @@ private:
     int64_t bodyExpected_ = -1;    // Content-Length of the response, -1 when it has none
     int64_t bodyReceived_ = 0;
     uint32_t deferredError_ = 0;   // a read failed after a piece had come: the next read reports it
+    bool fastLink_ = false;        // the last piece came whole and quickly: read the next one in one call
 
     wchar_t lastHeaders_[kHeaderBufferLength] = {};
 
