@@ -93,14 +93,22 @@ struct Probe {
                 FlushFileBuffers(h);
             CloseHandle(h);
             if (mode == 3) {
-                h = CreateFileW(p.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                FILE_ATTRIBUTE_NORMAL, nullptr);
-                if (h == INVALID_HANDLE_VALUE)
+                if (!setTimeByReopening(p, t))
                     return false;
-                SetFileTime(h, &t, &t, &t);
-                CloseHandle(h);
             }
         }
+        return true;
+    }
+
+    // Opens the closed file again just to set its times, as a sink that closes first must.
+    static bool setTimeByReopening(const std::wstring& p, const FILETIME& t)
+    {
+        HANDLE h = CreateFileW(p.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
+                               FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (h == INVALID_HANDLE_VALUE)
+            return false;
+        SetFileTime(h, &t, &t, &t);
+        CloseHandle(h);
         return true;
     }
 
@@ -114,12 +122,8 @@ struct Probe {
             if (!f || std::fwrite(data.data(), 1, data.size(), f) != data.size())
                 return false;
             std::fclose(f);
-            HANDLE h = CreateFileW(p.c_str(), GENERIC_WRITE, FILE_SHARE_WRITE, nullptr, OPEN_EXISTING,
-                                   FILE_ATTRIBUTE_NORMAL, nullptr);
-            if (h == INVALID_HANDLE_VALUE)
+            if (!setTimeByReopening(p, t))
                 return false;
-            SetFileTime(h, &t, &t, &t);
-            CloseHandle(h);
         }
         return true;
     }

@@ -184,8 +184,9 @@ bool TARStreamWriterImp::processBlocks(const uint8_t* data, size_t blocks)
 {
     while (blocks != 0) {
         switch (phase_) {
-        case Phase::FileData: {
-            const size_t used = writeFileData(data, blocks);
+        case Phase::FileData:
+        case Phase::SparseData: {
+            const size_t used = phase_ == Phase::FileData ? writeFileData(data, blocks) : writeSparseData(data, blocks);
             if (used == 0)
                 return false;
             data += used * kBlockSize;
@@ -202,14 +203,6 @@ bool TARStreamWriterImp::processBlocks(const uint8_t* data, size_t blocks)
                 clearEntry();
                 phase_ = Phase::Header;
             }
-            break;
-        }
-        case Phase::SparseData: {
-            const size_t used = writeSparseData(data, blocks);
-            if (used == 0)
-                return false;
-            data += used * kBlockSize;
-            blocks -= used;
             break;
         }
         case Phase::LongName:
